@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+// Counting, failing and holding the calls that the library makes.
+//
+// A test that includes this header is linked against the library's own objects with the names of
+// wrapped.txt redirected here. Nothing is counted until calls_watch(); outside that the calls go
+// straight through.
+#pragma once
+#include <functional>
+#include <string>
+#include <vector>
+
+struct tCall {
+    const char *name; // the function
+    unsigned index;   // from 1: its place among all the calls seen since calls_watch()
+    unsigned nth;     // from 1: its place among the calls of this name
+};
+
+// Decides a call: 0 lets it through, anything else fails it with that error number. It runs on the
+// calling thread with no lock held, so it may block there, or make calls of its own (not counted).
+using tCallRule = std::function<int(const tCall &)>;
+
+// Starts counting from zero under `rule` (none: only count). Calls of every thread are seen.
+void calls_watch(tCallRule rule = nullptr);
+// Stops counting; what was seen stays readable.
+void calls_stop();
+// Fails the nth call of `name` (0: each one) with `err`.
+tCallRule calls_fail(std::string name, unsigned nth, int err);
+// What was seen, in order; and how often one name was.
+std::vector<std::string> calls_seen();
+unsigned calls_count(const std::string &name);
