@@ -79,23 +79,23 @@ typedef enum _eLogSwitch_ KELVARA_ENUM32 {
 /* Result codes of the log service; functions return 0 or the negated code. */
 typedef enum _eLogErrNum_ {
     LOG_SUCCESS = 0,
-    ERR_LOG_TMP = 1,                /* never returned */
-    ERR_LOG_PTHREAD_CREATE = 2,     /* the writer thread could not be started */
-    ERR_LOG_PIPE_CREATE = 3,        /* the pipe could not be made */
-    ERR_LOG_FOPEN = 4,              /* the first log file could not be opened */
-    ERR_LOG_LIBCFG_CFG_LOOKUP = 5,  /* the configuration group is missing */
-    ERR_LOG_PARM_CONT = 0xA000,     /* no record given, or a bad fileMod */
+    ERR_LOG_TMP = 1,               /* never returned */
+    ERR_LOG_PTHREAD_CREATE = 2,    /* the writer thread could not be started */
+    ERR_LOG_PIPE_CREATE = 3,       /* the pipe could not be made */
+    ERR_LOG_FOPEN = 4,             /* the first log file could not be opened */
+    ERR_LOG_LIBCFG_CFG_LOOKUP = 5, /* the configuration group is missing */
+    ERR_LOG_PARM_CONT = 0xA000,    /* no record given, or a bad fileMod */
     ERR_LOG_MAX = ERR_LOG_PARM_CONT + 1,
 } eLogErrNum;
 
 /* The configuration of the log service. All zero is a sound start for load_log_cfg(). */
 typedef struct _tLogCfg_ {
-    eLogRunMod logRunMd;      /* who writes the lines */
-    eLogFileMod fileMod;      /* naming; looked at only with file output on */
-    uint32_t logSaveMaxCnt;   /* writes into a file before the next one is begun; 0 means 10000 */
-    eLogSwitch stdoutLogSwt;  /* console output */
-    eLogSwitch fileLogSwt;    /* file output */
-    char saveLogPath[256];    /* base path of the files; empty means "/opt/v2x/log/v2xLog" */
+    eLogRunMod logRunMd;     /* who writes the lines */
+    eLogFileMod fileMod;     /* naming; looked at only with file output on */
+    uint32_t logSaveMaxCnt;  /* writes into a file before the next one is begun; 0 means 10000 */
+    eLogSwitch stdoutLogSwt; /* console output */
+    eLogSwitch fileLogSwt;   /* file output */
+    char saveLogPath[256];   /* base path of the files; empty means "/opt/v2x/log/v2xLog" */
 } tLogCfg;
 
 /* The run-time threshold, defined by the host program with the start value of its choice. Read at

@@ -1,0 +1,138 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * dmn_serv: the local server of a daemon.
+ *
+ * A Unix-domain stream socket on a thread and an event loop of its own. Every local process that
+ * connects receives, from then on, each byte message that the daemon broadcasts. The channel runs
+ * one way: what a client sends is read and thrown away. The smallest use:
+ *
+ *     static tDmnServCfg cfg = {"/run/gnssd.sock"};     // must outlive the server
+ *     dmn_server_init(&cfg);
+ *     dmn_serv_tx_clit_msg(msg, len);                   // from any thread, as often as you like
+ *     dmn_server_exit();
+ *
+ * Messages are the caller's bytes and nothing else: no length, no terminator, no framing. On a
+ * stream socket a client sees no borders between them, so use a format that can be cut again.
+ *
+ * Threads: dmn_serv_tx_clit_msg() may be called by any number of threads at any time, also before
+ * the start, during it, and after the stop. Init and exit belong to one host thread. There is one
+ * server a process.
+ *
+ * What blocks: no broadcast ever waits for a client. dmn_server_exit() waits for the server thread
+ * and for broadcasts in progress.
+ *
+ * What is lost: a client that does not read loses what its socket buffer cannot take, possibly a
+ * part of a message, without notice to anybody; the other clients are not touched by it.
+ *
+ * The whole process ignores SIGPIPE from the first start of the server on. The socket file stays
+ * behind at exit; the next start replaces it. The server's descriptors are inherited by programs
+ * that the host starts with exec, as no close-on-exec flag is set on them.
+ *
+ * The library leaves linking libevent to the host (event_core is enough).
+ */
+#ifndef KELVARA_COMMON_DMN_SERV_H
+#define KELVARA_COMMON_DMN_SERV_H
+
+#include <common/self_list.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+struct config_t;   /* libconfig's parsed configuration */
+struct event;      /* libevent's event */
+struct event_base; /* libevent's event loop */
+
+/* Result codes that the library's services and the host daemons share; an operation returns 0 or
+ * the negated member. The server itself returns only the members that carry a remark. */
+typedef enum _eDmnServErrVal_ {
+    SUCCESS_DMN = 0, /* done */
+    ERR_TMP_DMN,
+    ERR_MALLOC_DMN,
+    ERR_CALLOC_DMN,
+    ERR_NEW_MEM_DMN,
+    ERR_CREATE_PIPE_DMN,
+    ERR_FOPEN_DMN,
+    ERR_FREAD_DMN,
+    ERR_OPEN_TTY_DMN,
+    ERR_GET_RLIMIT_DMN,
+    ERR_SET_RLIMIT_DMN,
+    ERR_PTHREAD_CREATE_DMN, /* the server thread could not be started */
+    ERR_EVENT_NEW_BASE_DMN,
+    ERR_EVENT_NEW_DMN, /* the accept event could not be made */
+    ERR_LIBCFG_READ_FILE_DMN,
+    ERR_LIBCFG_CFG_LOOKUP_DMN, /* the configuration group is missing */
+    ERR_LIBCFG_SETTING_LOOKUP_DMN,
+    ERR_CFG_SETTING_GET_MEMBER_DMN,
+    ERR_LIBCFG_SETTING_GET_ELEM_DMN,
+    ERR_CFG_SETING_LEN_DMN,
+    ERR_SOCKET_OPEN_DMN = 4096, /* no socket */
+    ERR_SOCKET_LISTEN_DMN,      /* the socket does not listen */
+    ERR_SOCKET_CONNECT_DMN,
+    ERR_SOCKET_IOCTL_DMN,
+    ERR_SOCKET_BIND_DMN, /* the path cannot be bound, or is too long */
+    ERR_SOCKET_READ_DMN,
+    ERR_SOCKET_WRITE_DMN,
+    ERR_RTNL_OPEN_DMN,
+    IW_GET_INTER_DATA_DMN,
+    ERR_PARAM_CNT_DMN,
+    ERR_PARAM_LEN_DMN,
+    ERR_PARAM_CONTENT_DMN,
+    ERR_LOG_INIT_DMN,
+    ERR_VER_SWITCH_DMN,
+    ERR_HELP_SWITCH_DMN,
+    ERR_SET_LOG_LEV_DMN,
+    ERR_MAX_DMN,
+} eDmnServErrVal;
+
+/* The server's configuration. The host owns the record and keeps it valid and unchanged while the
+ * server runs. */
+typedef struct _tDmnServCfg_ {
+    char dmNme[256]; /* path of the socket, zero-terminated; up to 107 characters can be bound */
+} tDmnServCfg;
+
+/* One connected client, as the server keeps it; hosts have no use for it. */
+typedef struct _tClitNetCon_ {
+    list_head hnode;       /* link in the registry; first, so that its address is the record's */
+    int fd;                /* the accepted connection */
+    struct event *pClitEt; /* persistent read event on fd; null once deleted */
+} tClitNetCon;
+
+/* Copies the string "dmNme" of the libconfig group at path aicpcCfgNme into aopcDmnCfg, at most
+ * 254 characters. A missing key, or one that is no string, leaves the record as it was. Returns 0,
+ * or -15 (ERR_LIBCFG_CFG_LOOKUP_DMN), logged, when there is no such group. Keeps no reference. */
+int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgNme,
+                      const struct config_t *const aicpcCfg);
+
+/* Starts the server thread and returns at once: 0, or -11 (ERR_PTHREAD_CREATE_DMN), logged. The
+ * thread then makes the socket; what fails there shows in the log only, and the thread ends by
+ * itself. Either way dmn_server_exit() is the end of it. Not to be called while a server runs. */
+int dmn_server_init(tDmnServCfg *const aipcDmnServCfg);
+
+/* Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
+ * accept event on aipEtBse. The server thread calls it; a host may, on an event base of its own
+ * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit(),
+ * which leaves that base alone. Returns 0, -4096 (no socket), -4100 (bind; also a path of more than
+ * 107 characters, reported as ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged. What
+ * was made before a failure stays until dmn_server_exit(). */
+int _dmn_server_init(struct event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg);
+
+/* Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with
+ * one write each that never waits. Always returns 0; what a client could not take is lost to it. A
+ * negative length sends nothing. */
+int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen);
+
+/* Stops the server and releases all it made: clients read end-of-stream. Always returns 0. May be
+ * called again, without a start, and after the server thread ended by itself. Never from one of
+ * the server's own callbacks. */
+int dmn_server_exit(void);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
