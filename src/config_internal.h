@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+// What the configuration loaders share: one member of a libconfig group into one field of a
+// record. A member that is missing or of another type leaves the field as the host preset it.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <libconfig.h>
+
+template <typename tField>
+void cfg_load_int(const config_setting_t *aicpGroup, const char *aicpcKey, tField *aopField)
+{
+    int value = 0;
+    if (config_setting_lookup_int(aicpGroup, aicpcKey, &value) == CONFIG_TRUE)
+        *aopField = static_cast<tField>(value);
+}
+
+// The last byte of a string field is never used.
+template <size_t tBytes>
+void cfg_load_string(const config_setting_t *aicpGroup, const char *aicpcKey,
+                     char (&aoField)[tBytes])
+{
+    const char *value = nullptr;
+    if (config_setting_lookup_string(aicpGroup, aicpcKey, &value) == CONFIG_TRUE &&
+        snprintf(aoField, tBytes - 1, "%s", value) < 0)
+        aoField[0] = '\0';
+}

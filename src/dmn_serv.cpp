@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: MIT
+#include <common/dmn_serv.h>
+#include <common/self_log.h>
+#include <common/xfuncs.h>
+
+#include "config_internal.h"
+#include "service_internal.h"
+#include "thread_internal.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <event2/event.h>
+#include <unistd.h>
+
+static_assert(offsetof(tClitNetCon, hnode) == 0, "a node's address is its record's");
+static_assert(sizeof(sockaddr_un) == 110);
+
+static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+static constexpr int gicBacklog = 40;
+
+// The host's: written by init and exit.
+static pthread_t giDmnServPthdId;
+static tService giServ = {-1, nullptr, false};
+
+// The server thread's, and the exit call's once that has been joined.
+static event_base *gipPthdEtBse;
+static int giServTcpFd = -1;
+static event *gipTcpServEt;
+
+// The registry, oldest connection first. Senders may come at any time, so its lock exists as long
+// as the library does; and a steady stream of them must not keep a client or a stop waiting, so
+// writers go first.
+static list_head giContCltHd = LIST_HEAD_INIT(giContCltHd);
+static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+
+// --- clients, on the server thread ------------------------------------------------------------
+
+static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
+{
+    char buf[256] = {};
+    if (aipArg == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+        return;
+    }
+    const ssize_t got = read(aiFd, buf, sizeof buf - 1);
+    if (got > 0)
+        return; // the channel runs one way
+    if (got == -1)
+        LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
+    else
+        LOG_MSG(LOG_LEV_OFF, "Remote close------\n");
+
+    // Out of the registry before the descriptor closes: no sender meets a reused one.
+    tClitNetCon *pClit = static_cast<tClitNetCon *>(aipArg);
+    pthread_rwlock_wrlock(&giContCltLk);
+    list_del_init(&pClit->hnode);
+    pthread_rwlock_unlock(&giContCltLk);
+    if (pClit->pClitEt != nullptr) {
+        (void)event_del(pClit->pClitEt);
+        event_free(pClit->pClitEt);
+        pClit->pClitEt = nullptr;
+    }
+    (void)close(pClit->fd);
+    free(pClit);
+}
+
+static void _server_set_nonblock(const int aicFd)
+{
+    if (aicFd < 1) {
+        LOG_MSG(LOG_LEV_ERROR, "aicFd=%d err!!!!\n", aicFd);
+        return;
+    }
+    // A client without one of the options is served all the same.
+    const int on = 1;
+    const linger noLinger = {0, 0};
+    (void)setsockopt(aicFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    (void)setsockopt(aicFd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    (void)setsockopt(aicFd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger);
+    service_set_nonblock(aicFd);
+}
+
+static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
+{
+    tClitNetCon *pClit = static_cast<tClitNetCon *>(xzMalloc(sizeof(tClitNetCon)));
+    if (pClit == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "xzMalloc() err!!!!\n");
+        (void)close(aicAcptFd);
+        return;
+    }
+    pClit->fd = aicAcptFd;
+    _server_set_nonblock(pClit->fd);
+    if (pClit->fd == 0)
+        service_set_nonblock(pClit->fd); // no options for it, but no broadcast may wait for it
+    pClit->pClitEt =
+        event_new(aipcEtBse, pClit->fd, EV_READ | EV_PERSIST, _rx_client_msg_cb, pClit);
+    if (pClit->pClitEt == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        free(pClit);
+        (void)close(aicAcptFd);
+        return;
+    }
+    (void)event_add(pClit->pClitEt, nullptr); // without it the client is served until the stop
+    pthread_rwlock_wrlock(&giContCltLk);
+    list_add_tail(&pClit->hnode, &giContCltHd);
+    pthread_rwlock_unlock(&giContCltLk);
+}
+
+static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
+{
+    if (aipArg == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+        return;
+    }
+    sockaddr_un peer;
+    socklen_t peerLen = sizeof peer;
+    const int fd = accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen);
+    if (fd == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "accept() err, msg=%s!!!!!!\n", strerror(errno));
+        return;
+    }
+    _init_client_conn(fd, static_cast<event_base *>(aipArg));
+}
+
+// --- start and stop ---------------------------------------------------------------------------
+
+// Every event is freed before the base; a descriptor of 0 is one like any other.
+static void _dmn_server_release()
+{
+    if (gipTcpServEt != nullptr) {
+        (void)event_del(gipTcpServEt);
+        event_free(gipTcpServEt);
+        gipTcpServEt = nullptr;
+    }
+    if (giServTcpFd != -1) {
+        (void)close(giServTcpFd);
+        giServTcpFd = -1;
+    }
+    pthread_rwlock_wrlock(&giContCltLk);
+    list_head *pNode = nullptr;
+    list_head *pAhead = nullptr;
+    list_for_each_safe(pNode, pAhead, &giContCltHd)
+    {
+        tClitNetCon *pClit = reinterpret_cast<tClitNetCon *>(pNode);
+        list_del_init(&pClit->hnode);
+        (void)close(pClit->fd);
+        if (pClit->pClitEt != nullptr) {
+            (void)event_del(pClit->pClitEt);
+            event_free(pClit->pClitEt);
+        }
+        free(pClit);
+    }
+    pthread_rwlock_unlock(&giContCltLk);
+    if (gipPthdEtBse != nullptr) {
+        (void)event_base_loopbreak(gipPthdEtBse);
+        event_base_free(gipPthdEtBse);
+        gipPthdEtBse = nullptr;
+    }
+}
+
+static void *_dmn_server_func_pth(void *aipArg)
+{
+    thread_hold_cancel();
+    if (aipArg == nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+    else if ((gipPthdEtBse = event_base_new()) == nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
+    else if (_dmn_server_init(gipPthdEtBse, static_cast<tDmnServCfg *>(aipArg)) != 0)
+        LOG_MSG(LOG_LEV_ERROR, "_dmn_server_init() err!!!!\n");
+    else if (!service_dispatch(&giServ, gipPthdEtBse))
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+    // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
+    if (!giServ.bStop)
+        _dmn_server_release();
+    service_end(&giServ, "_dmn_server_func_pth() exit");
+}
+
+// --- exported ---------------------------------------------------------------------------------
+
+int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgNme,
+                      const config_t *const aicpcCfg)
+{
+    const config_setting_t *pGroup = config_lookup(aicpcCfg, aicpcCfgNme);
+    if (pGroup == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "config_lookup(\"%s\") err!!!!\n", aicpcCfgNme);
+        return -ERR_LIBCFG_CFG_LOOKUP_DMN;
+    }
+    cfg_load_string(pGroup, "dmNme", aopcDmnCfg->dmNme);
+    return SUCCESS_DMN;
+}
+
+int _dmn_server_init(event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg)
+{
+    giServTcpFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (giServTcpFd == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "socket() err, msg=%s!!!!!!\n", strerror(errno));
+        return -ERR_SOCKET_OPEN_DMN;
+    }
+    sockaddr_un addr;
+    const socklen_t addrLen = service_address(&addr, aipcDmnServCfg->dmNme);
+    if (addrLen != 0)
+        (void)unlink(aipcDmnServCfg->dmNme); // mostly there is nothing; bind tells the rest
+    if (addrLen == 0 || bind(giServTcpFd, reinterpret_cast<sockaddr *>(&addr), addrLen) == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "bind() err, msg=%s!!!!!!\n", strerror(errno));
+        return -ERR_SOCKET_BIND_DMN;
+    }
+    if (listen(giServTcpFd, gicBacklog) == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "listen() err, msg=%s!!!!!!\n", strerror(errno));
+        return -ERR_SOCKET_LISTEN_DMN;
+    }
+    (void)signal(SIGPIPE, SIG_IGN); // fails on a bad signal number only
+    gipTcpServEt = event_new(aipEtBse, giServTcpFd, EV_READ | EV_PERSIST,
+                             _server_tcp_accept_client_cb, aipEtBse);
+    if (gipTcpServEt == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        return -ERR_EVENT_NEW_DMN;
+    }
+    (void)event_add(gipTcpServEt, nullptr); // its failure leaves a server that nobody can reach
+    return SUCCESS_DMN;
+}
+
+int dmn_server_init(tDmnServCfg *const aipcDmnServCfg)
+{
+    const int err = service_start(&giServ, &giDmnServPthdId, _dmn_server_func_pth, aipcDmnServCfg);
+    if (err == 0)
+        return SUCCESS_DMN;
+    LOG_MSG(LOG_LEV_ERROR, "pthread_create() err, msg:%s\n", strerror(err));
+    (void)dmn_server_exit(); // always 0
+    return -ERR_PTHREAD_CREATE_DMN;
+}
+
+int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
+{
+    if (aicMsgLen < 0)
+        return 0;
+    // A sender that is cancelled in a write must not take the lock with it.
+    const int was = thread_defer_cancel();
+    pthread_rwlock_rdlock(&giContCltLk);
+    list_head *pNode = nullptr;
+    list_head *pAhead = nullptr;
+    list_for_each_safe(pNode, pAhead, &giContCltHd)
+    {
+        // What a client cannot take now is lost to it; its leaving is the read callback's business.
+        (void)!write(reinterpret_cast<tClitNetCon *>(pNode)->fd, aipcMsg,
+                     static_cast<size_t>(aicMsgLen));
+    }
+    pthread_rwlock_unlock(&giContCltLk);
+    thread_restore_cancel(was);
+    return 0;
+}
+
+int dmn_server_exit(void)
+{
+    if (giDmnServPthdId != 0) {
+        LOG_MSG(LOG_LEV_OFF, "Wait _dmn_server_func_pth() pthread stop------\n");
+        service_stop(&giServ, giDmnServPthdId);
+        LOG_MSG(LOG_LEV_OFF, "_dmn_server_func_pth() pthread already stop------\n");
+        giDmnServPthdId = 0;
+    }
+    _dmn_server_release();
+    return 0;
+}

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: MIT
+#include <common/self_dog.h>
+#include <common/self_log.h>
+
+#include "config_internal.h"
+#include "service_internal.h"
+#include "thread_internal.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <event2/event.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+static_assert(sizeof(tWthdogFed) == 5 && offsetof(tWthdogFed, nameLen) == 4);
+static_assert(sizeof(tFeddogCfg) == 2 * sizeof(uint32_t) + 64 + 256);
+
+static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+
+// The host's: written by init and exit.
+static pthread_t giFeddogPthdId;
+static tService giServ = {-1, nullptr, false};
+
+// The client thread's, and the exit call's once that has been joined.
+static event_base *gipFedDogEtBse;
+static int giFeddogFd = -1;
+static event *gipRxFeddogEt;
+static event *gipTxFeddogHtEt;
+
+static void _free_feddog_event(event **aiopEt)
+{
+    if (*aiopEt == nullptr)
+        return;
+    (void)event_del(*aiopEt);
+    event_free(*aiopEt);
+    *aiopEt = nullptr;
+}
+
+static void _close_feddog_fd()
+{
+    if (giFeddogFd == -1)
+        return;
+    (void)close(giFeddogFd);
+    giFeddogFd = -1;
+}
+
+// The configured period, as libevent takes it: microseconds below a million, and seconds that,
+// added to now, stay within a time_t of 32 bits.
+static timeval _heartbeat_period(const tFeddogCfg *aicpcCfg)
+{
+    constexpr uint32_t secMax = 0x3fffffff;
+    constexpr uint32_t usecInSec = 1000000;
+    const uint32_t sec = aicpcCfg->feddogSec < secMax ? aicpcCfg->feddogSec : secMax;
+    timeval period = {};
+    period.tv_sec = static_cast<time_t>(sec + aicpcCfg->feddogUSec / usecInSec);
+    period.tv_usec = static_cast<suseconds_t>(aicpcCfg->feddogUSec % usecInSec);
+    return period;
+}
+
+// --- callbacks, on the client thread ----------------------------------------------------------
+
+static void _tx_feeddog_ht_timer_cb(int, short, void *aipArg)
+{
+    char buf[128] = {};
+    if (aipArg == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+        return;
+    }
+    const tFeddogCfg *pCfg = static_cast<const tFeddogCfg *>(aipArg);
+    tWthdogFed *pFed = reinterpret_cast<tWthdogFed *>(buf);
+    pFed->nameLen = static_cast<uint8_t>(strnlen(pCfg->feddogNme, sizeof pCfg->feddogNme - 1));
+    memcpy(pFed->name, pCfg->feddogNme, pFed->nameLen);
+    // A watchdog that has gone, or cannot take it, misses this one.
+    (void)!write(giFeddogFd, buf, sizeof(tWthdogFed) + pFed->nameLen);
+    const timeval period = _heartbeat_period(pCfg);
+    (void)event_add(gipTxFeddogHtEt, &period); // fails without memory: then heartbeats stop
+}
+
+static void _rx_feeddog_data_cb(int aiFd, short, void *)
+{
+    char buf[128] = {};
+    const ssize_t got = read(aiFd, buf, sizeof buf - 1);
+    if (got > 0)
+        return; // nothing is defined that the watchdog could say
+    if (got == -1)
+        LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
+    else
+        LOG_MSG(LOG_LEV_OFF, "Server close------\n");
+    _free_feddog_event(&gipRxFeddogEt);
+    _close_feddog_fd();
+}
+
+// --- start and stop ---------------------------------------------------------------------------
+
+static int _unix_socket_connect(const char *const aicpServName)
+{
+    giFeddogFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (giFeddogFd == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "socket() err, msg:%s!!!!\n", strerror(errno));
+        return -ERR_SOCKET_OPEN_DOG;
+    }
+    service_set_nonblock(giFeddogFd);
+    sockaddr_un addr;
+    const socklen_t addrLen = service_address(&addr, aicpServName);
+    if (addrLen == 0 || connect(giFeddogFd, reinterpret_cast<sockaddr *>(&addr), addrLen) == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "connect() err, msg:%s!!!!!!", strerror(errno));
+        return -ERR_SOCKET_CONNECT_DOG;
+    }
+    return SUCCESS_DOG;
+}
+
+static void _feddog_release()
+{
+    _free_feddog_event(&gipTxFeddogHtEt);
+    _free_feddog_event(&gipRxFeddogEt);
+    if (gipFedDogEtBse != nullptr) {
+        (void)event_base_loopbreak(gipFedDogEtBse);
+        event_base_free(gipFedDogEtBse);
+        gipFedDogEtBse = nullptr;
+    }
+    _close_feddog_fd();
+}
+
+static void *_feddog_func_pth(void *aipArg)
+{
+    thread_hold_cancel();
+    if (aipArg == nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+    else if ((gipFedDogEtBse = event_base_new()) == nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
+    else if (_feed_dog_init(gipFedDogEtBse, static_cast<tFeddogCfg *>(aipArg)) != 0)
+        LOG_MSG(LOG_LEV_ERROR, "_feed_dog_init() err!!!!\n");
+    else if (!service_dispatch(&giServ, gipFedDogEtBse))
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+    // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
+    if (!giServ.bStop)
+        _feddog_release();
+    service_end(&giServ, "_feddog_func_pth() exit");
+}
+
+// --- exported ---------------------------------------------------------------------------------
+
+int load_feeddog_cfg(tFeddogCfg *const aopcFedDog, const char *const aicpcDogCfgNme,
+                     const config_t *const aicpcCfg)
+{
+    const config_setting_t *pGroup = config_lookup(aicpcCfg, aicpcDogCfgNme);
+    if (pGroup == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "config_lookup(\"%s\") err!!!!\n", aicpcDogCfgNme);
+        return -ERR_LIBCFG_CFG_LOOKUP_DOG;
+    }
+    cfg_load_int(pGroup, "feddogSec", &aopcFedDog->feddogSec);
+    cfg_load_int(pGroup, "feddogUSec", &aopcFedDog->feddogUSec);
+    cfg_load_string(pGroup, "feddogNme", aopcFedDog->feddogNme);
+    cfg_load_string(pGroup, "txFeddogHtDmNme", aopcFedDog->txFeddogHtDmNme);
+    return SUCCESS_DOG;
+}
+
+int _feed_dog_init(event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg)
+{
+    // A heartbeat to a watchdog that has just gone must fail like any other one. The signal of a
+    // failed write goes to the writing thread, which is this one.
+    sigset_t sigPipe;
+    sigemptyset(&sigPipe);
+    sigaddset(&sigPipe, SIGPIPE);
+    (void)pthread_sigmask(SIG_BLOCK, &sigPipe, nullptr); // fails on bad arguments only
+
+    const int ret = _unix_socket_connect(aipcFeddogCfg->txFeddogHtDmNme);
+    if (ret != SUCCESS_DOG) {
+        LOG_MSG(LOG_LEV_ERROR, "_unix_socket_connect() err!!!!\n");
+        return ret;
+    }
+    gipRxFeddogEt =
+        event_new(aipEtBse, giFeddogFd, EV_READ | EV_PERSIST, _rx_feeddog_data_cb, nullptr);
+    if (gipRxFeddogEt == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        return -ERR_EVENT_NEW_DOG;
+    }
+    (void)event_add(gipRxFeddogEt, nullptr); // without it a watchdog's leaving goes unnoticed
+    gipTxFeddogHtEt = event_new(aipEtBse, -1, 0, _tx_feeddog_ht_timer_cb, aipcFeddogCfg);
+    if (gipTxFeddogHtEt == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "evtimer_new() err!!!!\n");
+        return -ERR_EVENT_NEW_DOG;
+    }
+    const timeval period = _heartbeat_period(aipcFeddogCfg);
+    (void)event_add(gipTxFeddogHtEt, &period); // fails without memory: then nothing is ever sent
+    return SUCCESS_DOG;
+}
+
+int self_feddog_init(tFeddogCfg *const aipcFeddogCfg)
+{
+    const int err = service_start(&giServ, &giFeddogPthdId, _feddog_func_pth, aipcFeddogCfg);
+    if (err == 0)
+        return SUCCESS_DOG;
+    LOG_MSG(LOG_LEV_ERROR, "pthread_create() err, msg:%s\n", strerror(err));
+    (void)self_feddog_exit(); // always 0
+    return -ERR_PTHREAD_CREATE_DOG;
+}
+
+int self_feddog_exit(void)
+{
+    if (giFeddogPthdId != 0) {
+        LOG_MSG(LOG_LEV_OFF, "Wait _feddog_func_pth() pthread stop------\n");
+        service_stop(&giServ, giFeddogPthdId);
+        LOG_MSG(LOG_LEV_OFF, "_feddog_func_pth() pthread already stop------\n");
+        giFeddogPthdId = 0;
+    }
+    _feddog_release();
+    return 0;
+}

@@ -1,0 +1,370 @@
+// SPDX-License-Identifier: MIT
+#include <common/self_log.h>
+
+#include "config_internal.h"
+#include "thread_internal.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+static_assert(sizeof(eLogLevl) == 4 && sizeof(eLogSwitch) == 4);
+static_assert(sizeof(tLogCfg) == 5 * sizeof(uint32_t) + 256);
+
+static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+
+static constexpr char gicLogStrAry[LOG_LEV_MAX][4] = {"OFF", "ERR", "RUN", "WAN",
+                                                      "TAE", "IFO", "LUD"};
+static constexpr size_t gicLnBytes = 1024;
+static constexpr size_t gicNmeBytes = 256;
+
+// Written by init and exit only, when no other thread logs.
+static tLogCfg giLogCfg;
+static tLogCfg *gipLogCfg; // null until a record was given
+
+// Guarded by giSvLogLk, but for a first look at gipLogFp.
+static pthread_mutex_t giSvLogLk = PTHREAD_MUTEX_INITIALIZER;
+static FILE *gipLogFp;
+static int giLogWriteCnt;    // writes into the open file
+static int giLogFileBkupCnt; // names formed in the mode of two files
+
+// The writer thread and its pipe. The thread is there before the pipe is.
+static pthread_t giLogPthdId;
+static bool gibWlRunFlg;
+static int giLogPpFdAry[2] = {-1, -1};
+static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
+
+// What one thread may read while another one writes it.
+template <typename tWord> static tWord _peek(const tWord *aipcWord)
+{
+    return __atomic_load_n(aipcWord, __ATOMIC_ACQUIRE);
+}
+
+template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
+{
+    __atomic_store_n(aopWord, aicValue, __ATOMIC_RELEASE);
+}
+
+// --- files ------------------------------------------------------------------------------------
+
+// Forms the next file's name; false, and an empty name, for an unknown naming. A name that does
+// not fit is cut.
+static bool _next_log_name(char (&aoNme)[gicNmeBytes])
+{
+    aoNme[0] = '\0';
+    if (giLogCfg.fileMod == LOG_FILE_TWO)
+        return snprintf(aoNme, gicNmeBytes - 1, "%s-%02d.log", giLogCfg.saveLogPath,
+                        giLogFileBkupCnt++ % 2) >= 0;
+    if (giLogCfg.fileMod != LOG_FILE_TIME)
+        return false;
+    const time_t now = time(nullptr);
+    tm local = {};
+    (void)localtime_r(&now, &local); // fails for years beyond an int; zeros will do
+    return snprintf(aoNme, gicNmeBytes - 1, "%s-%04d-%02d-%02d-%02d-%02d-%02d-%06d.log",
+                    giLogCfg.saveLogPath, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                    local.tm_hour, local.tm_min, local.tm_sec,
+                    static_cast<int>(random() % 100000)) >= 0;
+}
+
+static bool _open_log_file(const char *aicpcNme)
+{
+    printf("New save log path=%s\n", aicpcNme);
+    FILE *pFp = fopen(aicpcNme, "w+");
+    _poke(&gipLogFp, pFp);
+    if (pFp == nullptr) {
+        puts("fopen() err!!!!");
+        return false;
+    }
+    giLogWriteCnt = 0;
+    return true;
+}
+
+// With giSvLogLk held: goes on to the next file when the open one has had its writes.
+static void _log_file_rotate()
+{
+    if (gipLogFp == nullptr || static_cast<uint32_t>(giLogWriteCnt) < giLogCfg.logSaveMaxCnt)
+        return;
+    printf("logSaveMaxCnt=%d\n", static_cast<int>(giLogCfg.logSaveMaxCnt));
+    puts("rotate start");
+    (void)fclose(gipLogFp); // every write was flushed, and there is nobody to tell
+    char nme[gicNmeBytes];
+    (void)_next_log_name(nme); // init has refused every naming that gives none
+    (void)_open_log_file(nme); // reported; without a file output goes on at the console
+}
+
+// --- the way of a line ------------------------------------------------------------------------
+
+// The direct sink: console first, then file.
+static void _process_log_msg(const char *aipcMsg)
+{
+    if (gipLogCfg == nullptr) {
+        printf("%s", aipcMsg);
+        return;
+    }
+    if (giLogCfg.stdoutLogSwt == LOG_SWITCH_ON)
+        printf("%s", aipcMsg);
+    if (giLogCfg.fileLogSwt != LOG_SWITCH_ON || _peek(&gipLogFp) == nullptr)
+        return;
+
+    // A host may cancel its own threads: none of them may take the lock with it.
+    const int was = thread_defer_cancel();
+    pthread_mutex_lock(&giSvLogLk);
+    _log_file_rotate();
+    if (gipLogFp != nullptr) {
+        // A full disk loses the line, and the next one is tried again.
+        (void)fwrite(aipcMsg, 1, strlen(aipcMsg), gipLogFp);
+        (void)fflush(gipLogFp);
+        giLogWriteCnt = static_cast<int>(static_cast<uint32_t>(giLogWriteCnt) + 1);
+    }
+    pthread_mutex_unlock(&giSvLogLk);
+    thread_restore_cancel(was);
+}
+
+static void _deliver(const char *aipcMsg)
+{
+    if (gipLogCfg == nullptr)
+        printf("%s", aipcMsg);
+    else if (giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
+        (void)!write(_peek(&giLogPpFdAry[1]), aipcMsg, strlen(aipcMsg)); // else the line is lost
+    else
+        _process_log_msg(aipcMsg);
+}
+
+// --- the writer thread ------------------------------------------------------------------------
+
+// Waits 100 ms at most for the pipe, whose read end may not exist yet. This is where a cancel is
+// let in: the thread holds nothing here, and nothing has been taken out of the pipe. The deferred
+// type leaves it to select() to be unwound from, or not to be struck at all.
+static int _wait_log_pipe(int aicFd)
+{
+    fd_set rxSet;
+    FD_ZERO(&rxSet);
+    if (aicFd >= 0)
+        FD_SET(aicFd, &rxSet);
+    timeval wait = {0, 100000};
+    (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    pthread_testcancel();
+    const int ready = select(aicFd + 1, &rxSet, nullptr, nullptr, &wait);
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    return ready;
+}
+
+// Takes one chunk out of the pipe, whole lines or a part of one, and passes it on.
+static bool _rx_log_chunk(int aicFd)
+{
+    memset(rxBuf, 0, sizeof rxBuf);
+    if (read(aicFd, rxBuf, sizeof rxBuf - 1) <= 0) {
+        printf("read() err, msg:%s!!!!\n", strerror(errno));
+        return false;
+    }
+    _process_log_msg(rxBuf);
+    return true;
+}
+
+static void *_rx_log_func_pth(void *)
+{
+    thread_hold_cancel();
+    while (_peek(&gibWlRunFlg)) {
+        const int fd = _peek(&giLogPpFdAry[0]);
+        const int ready = _wait_log_pipe(fd);
+        if (ready == -1)
+            printf("select()=-1, msg:%s!!!!\n", strerror(errno));
+        else if (ready > 0)
+            (void)_rx_log_chunk(fd); // reported; the loop goes on
+    }
+    pthread_exit(const_cast<char *>("_rx_log_func_pth() exit"));
+}
+
+// Delivers what was logged before the writer thread was stopped.
+static void _drain_log_pipe()
+{
+    pollfd rx = {giLogPpFdAry[0], POLLIN, 0};
+    while (rx.fd != -1 && poll(&rx, 1, 0) == 1 && _rx_log_chunk(rx.fd))
+        ;
+}
+
+static int _open_log_pipe()
+{
+    int fds[2];
+    if (pipe(fds) == -1)
+        return -1;
+    if (fds[0] >= FD_SETSIZE) { // select() could not wait for it
+        (void)close(fds[0]);
+        (void)close(fds[1]);
+        errno = EMFILE;
+        return -1;
+    }
+    _poke(&giLogPpFdAry[1], fds[1]);
+    _poke(&giLogPpFdAry[0], fds[0]);
+    return 0;
+}
+
+static void _close_log_pipe_end(int *aiopFd)
+{
+    if (*aiopFd >= 0)
+        (void)close(*aiopFd);
+    _poke(aiopFd, -1);
+}
+
+static int _start_log_thread()
+{
+    // Set here and not on the thread, which might do so after an exit call has cleared it.
+    _poke(&gibWlRunFlg, true);
+    pthread_t id = 0;
+    const int err = pthread_create(&id, nullptr, _rx_log_func_pth, nullptr);
+    if (err != 0) {
+        printf("pthread_create() err, msg:%s\n", strerror(err));
+        return -ERR_LOG_PTHREAD_CREATE;
+    }
+    giLogPthdId = id;
+    if (_open_log_pipe() == -1) {
+        printf("pipe() err, msg:%s!!!!\n", strerror(errno));
+        return -ERR_LOG_PIPE_CREATE;
+    }
+    printf("giLogPpFdAry=%d %d\n", giLogPpFdAry[0], giLogPpFdAry[1]);
+    return LOG_SUCCESS;
+}
+
+static int _start_log_file()
+{
+    if (giLogCfg.logSaveMaxCnt == 0)
+        giLogCfg.logSaveMaxCnt = 10000;
+    if (giLogCfg.saveLogPath[0] == '\0')
+        strcpy(giLogCfg.saveLogPath, "/opt/v2x/log/v2xLog");
+    printf("Save log path=%s\n", giLogCfg.saveLogPath);
+    char nme[gicNmeBytes];
+    if (!_next_log_name(nme)) {
+        printf("fileMod=%d err!!!!\n", static_cast<int>(giLogCfg.fileMod));
+        return -ERR_LOG_PARM_CONT;
+    }
+    return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
+}
+
+// --- exported ---------------------------------------------------------------------------------
+
+void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
+             const int aicLnNum, const char *format, ...)
+{
+    char line[gicLnBytes] = {};
+    constexpr size_t room = gicLnBytes - 1;
+    timeval now = {};
+    (void)gettimeofday(&now, nullptr); // fails on a bad pointer only
+    const time_t sec = now.tv_sec;
+    tm local = {};
+    (void)localtime_r(&sec, &local);
+    const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
+
+    const int head = snprintf(line, room, "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", gicLogStrAry[tag],
+                              local.tm_hour, local.tm_min, local.tm_sec,
+                              static_cast<long>(now.tv_usec), aipcFlNme, aicLnNum);
+    size_t used = head > 0 ? static_cast<size_t>(head) : 0;
+    if (used >= room)
+        used = room - 1;
+
+    // What does not fit is cut; a format that cannot be expanded leaves the header alone.
+    if (aicLogLvl == LOG_LEV_TRACE)
+        (void)!snprintf(line + used, room - used, "%s() start\n", aipcFuncNme);
+    else {
+        va_list args;
+        va_start(args, format);
+        (void)vsnprintf(line + used, room - used, format, args);
+        va_end(args);
+    }
+    _deliver(line);
+}
+
+void logger(int, pid_t, const char *aipcMsg)
+{
+    _deliver(aipcMsg);
+}
+
+void set_global_log_level(const eLogLevl aicLogLevl)
+{
+    __atomic_store_n(&gLogLevl, aicLogLevl, __ATOMIC_RELAXED);
+    printf("gLogLevl=%d\n", static_cast<int>(aicLogLevl));
+    if (aicLogLevl > LOG_LEV_MAX) {
+        printf("Input debug level(%d) err, set %d value\n", static_cast<int>(aicLogLevl),
+               static_cast<int>(LOG_LEV_RUN));
+        __atomic_store_n(&gLogLevl, LOG_LEV_RUN, __ATOMIC_RELAXED);
+        printf("New gLogLevl=%d\n", static_cast<int>(LOG_LEV_RUN));
+    }
+}
+
+int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
+                 const config_t *const aicpcCfg)
+{
+    const config_setting_t *pGroup = config_lookup(aicpcCfg, aicpcLogCfgNme);
+    if (pGroup == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "config_lookup(%s) err!!!!\n", aicpcLogCfgNme);
+        return -ERR_LOG_LIBCFG_CFG_LOOKUP;
+    }
+    cfg_load_int(pGroup, "logRunMd", &aopcLogCfg->logRunMd);
+    cfg_load_int(pGroup, "fileMod", &aopcLogCfg->fileMod);
+    cfg_load_int(pGroup, "logSaveMaxCnt", &aopcLogCfg->logSaveMaxCnt);
+    cfg_load_int(pGroup, "stdoutLogSwt", &aopcLogCfg->stdoutLogSwt);
+    cfg_load_int(pGroup, "fileLogSwt", &aopcLogCfg->fileLogSwt);
+    cfg_load_string(pGroup, "saveLogPath", aopcLogCfg->saveLogPath);
+    return LOG_SUCCESS;
+}
+
+int log_system_init(const tLogCfg *aipcLogCfg)
+{
+    if (aipcLogCfg == nullptr) {
+        puts("aipcLogCfg=NULL");
+        return -ERR_LOG_PARM_CONT;
+    }
+    gipLogCfg = &giLogCfg;
+    giLogCfg = *aipcLogCfg;
+    giLogPpFdAry[0] = giLogPpFdAry[1] = -1;
+
+    int ret = LOG_SUCCESS;
+    if (giLogCfg.fileLogSwt == LOG_SWITCH_ON)
+        ret = _start_log_file();
+    else
+        puts("File log close");
+    if (ret != LOG_SUCCESS)
+        return ret;
+    if (giLogCfg.stdoutLogSwt != LOG_SWITCH_ON)
+        puts("Stdout log close");
+    if (giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
+        return _start_log_thread();
+    puts("Log no create pthread");
+    return LOG_SUCCESS; // the file lock is fresh, from program start or from the last exit
+}
+
+int log_system_exit(void)
+{
+    if (giLogPthdId != 0) {
+        puts("Wait _rx_log_func_pth() pthread stop------");
+        _poke(&gibWlRunFlg, false);
+        (void)pthread_cancel(giLogPthdId); // a thread that has ended is joined all the same
+        (void)pthread_join(giLogPthdId, nullptr);
+        puts("_rx_log_func_pth() pthread already stop------");
+        giLogPthdId = 0;
+        _drain_log_pipe();
+    }
+    if (gipLogCfg == nullptr)
+        return LOG_SUCCESS;
+    if (giLogCfg.fileLogSwt == LOG_SWITCH_ON) {
+        pthread_mutex_lock(&giSvLogLk);
+        if (gipLogFp != nullptr)
+            (void)fclose(gipLogFp); // flushed at every write
+        _poke(&gipLogFp, static_cast<FILE *>(nullptr));
+        pthread_mutex_unlock(&giSvLogLk);
+    }
+    // Left fresh rather than destroyed, so that neither a late line nor a second exit meets a dead
+    // lock.
+    pthread_mutex_destroy(&giSvLogLk);
+    pthread_mutex_init(&giSvLogLk, nullptr);
+    _close_log_pipe_end(&giLogPpFdAry[0]);
+    _close_log_pipe_end(&giLogPpFdAry[1]);
+    return LOG_SUCCESS;
+}

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+#include "service_internal.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <event2/event.h>
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+static void _service_wake_cb(int, short, void *aipArg)
+{
+    tService *pServ = static_cast<tService *>(aipArg);
+    pServ->bStop = true;
+    (void)event_base_loopbreak(pServ->pEtBse); // fails on a null base only
+}
+
+int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
+{
+    *aopServ = {eventfd(0, EFD_CLOEXEC), nullptr, false};
+    if (aopServ->WakeFd == -1)
+        return errno;
+    // The call may leave any value behind when it fails, so it gets a variable of its own.
+    pthread_t id = 0;
+    int err = pthread_create(&id, nullptr, aiEntry, aipArg);
+    if (err != 0) {
+        (void)close(aopServ->WakeFd); // an eventfd has nothing to lose
+        aopServ->WakeFd = -1;
+        return err;
+    }
+    *aopPthdId = id;
+    return 0;
+}
+
+void service_stop(tService *aiopServ, pthread_t aiPthdId)
+{
+    (void)pthread_cancel(aiPthdId); // a thread that ended by itself is joined all the same
+    const uint64_t one = 1;
+    ssize_t done = 0;
+    do
+        done = write(aiopServ->WakeFd, &one, sizeof one);
+    while (done == -1 && errno == EINTR);
+    (void)pthread_join(aiPthdId, nullptr);
+    (void)close(aiopServ->WakeFd);
+    aiopServ->WakeFd = -1;
+}
+
+bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
+{
+    aiopServ->pEtBse = aipEtBse;
+    event *pWakeEt = event_new(aipEtBse, aiopServ->WakeFd, EV_READ, _service_wake_cb, aiopServ);
+    if (pWakeEt == nullptr)
+        return false;
+    bool bArmed = event_add(pWakeEt, nullptr) == 0;
+    if (bArmed)
+        (void)event_base_dispatch(aipEtBse); // however it ended, the service is over
+    event_free(pWakeEt);
+    return bArmed;
+}
+
+void service_end(const tService *aipcServ, const char *aicpcText)
+{
+    if (aipcServ->bStop)
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // the cancel strikes here
+    pthread_exit(const_cast<char *>(aicpcText));
+}
+
+socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath)
+{
+    const size_t len = strlen(aicpcPath);
+    if (len >= sizeof aopAddr->sun_path) {
+        errno = ENAMETOOLONG;
+        return 0;
+    }
+    *aopAddr = {};
+    aopAddr->sun_family = AF_UNIX;
+    memcpy(aopAddr->sun_path, aicpcPath, len);
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
+}
+
+void service_set_nonblock(int aicFd)
+{
+    const int flags = fcntl(aicFd, F_GETFL, 0);
+    (void)fcntl(aicFd, F_SETFL, flags | O_NONBLOCK);
+}

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+// What the two event-loop services share: starting and stopping their thread, and their sockets.
+//
+// A service's exit call first leaves its cancel pending on the thread, which holds cancellation
+// off, and then wakes the loop through an eventfd of ours. The loop ends in libevent's own way, no
+// lock of it stays held, and the cancel takes effect in service_end(), where the thread holds
+// nothing. The eventfd exists before the thread does, so a stop may come at any moment.
+#pragma once
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+struct event_base;
+
+struct tService {
+    int WakeFd;         // eventfd; -1 while there is no thread
+    event_base *pEtBse; // the base that service_dispatch() runs
+    bool bStop;         // the exit call has woken the loop; only the service thread looks
+};
+
+// Starts the thread and stores its identifier, which stays 0 on failure. Returns 0 or an error
+// number. Called by the exit call's thread, as is service_stop().
+int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg);
+
+// Cancels, wakes and joins the thread.
+void service_stop(tService *aiopServ, pthread_t aiPthdId);
+
+// On the thread: runs the base until the loop fails or the exit call wakes it. False when the
+// wake-up could not be set up, and nothing was run.
+bool service_dispatch(tService *aiopServ, event_base *aipEtBse);
+
+// On the thread, last: takes the pending cancel, or ends by itself with the exit text.
+[[noreturn]] void service_end(const tService *aipcServ, const char *aicpcText);
+
+// Fills the address and gives its length; 0 with errno ENAMETOOLONG when the path does not fit.
+socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath);
+
+// Adds O_NONBLOCK to the descriptor's flags; on a socket of ours that cannot fail.
+void service_set_nonblock(int aicFd);

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+// How the library's threads meet cancellation.
+//
+// A thread of ours may be cancelled by its exit call, and must never be struck inside the logger,
+// the allocator, stdio, libevent or a lock. Nor may an asynchronous cancel strike on just any
+// instruction: on ARM a stack can be unwound from a call only. So cancellation is held off from a
+// thread's first step on, and let in at the few places where a pending cancel acts inside a call
+// of ours.
+#pragma once
+
+#include <pthread.h>
+
+// First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
+// comes last, when a cancel can no longer strike between two calls.
+inline void thread_hold_cancel()
+{
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+}
+
+// Keeps a cancel out of a section that holds a lock, on any thread; what it gives goes to
+// thread_restore_cancel().
+inline int thread_defer_cancel()
+{
+    int was = PTHREAD_CANCEL_ENABLE;
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
+    return was;
+}
+
+inline void thread_restore_cancel(int aiWas)
+{
+    (void)pthread_setcancelstate(aiWas, nullptr);
+}

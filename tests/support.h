@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: MIT
+// What the test programs share: a folder of their own, captured output, waiting, counting.
+#pragma once
+#include <chrono>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <libconfig.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+// A temporary folder that goes with its owner.
+struct tTempDir {
+    std::string path;
+    tTempDir()
+    {
+        char name[] = "/tmp/kelvara-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~tTempDir()
+    {
+        (void)!system(("rm -rf " + path).c_str());
+    }
+    std::string operator/(const std::string &name) const
+    {
+        return path + "/" + name;
+    }
+};
+
+inline std::string slurp(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// What the process writes to standard output while `body` runs.
+inline std::string output_of(const std::function<void()> &body)
+{
+    testing::internal::CaptureStdout();
+    body();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+inline bool wait_until(const std::function<bool()> &done, int ms = 10000)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline size_t count_of(const std::string &text, const std::string &part)
+{
+    size_t found = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++found;
+    return found;
+}
+
+inline size_t entries_of(const char *folder)
+{
+    size_t found = 0;
+    if (DIR *dir = opendir(folder)) {
+        while (readdir(dir) != nullptr)
+            ++found;
+        closedir(dir);
+    }
+    return found;
+}
+inline size_t open_descriptors()
+{
+    return entries_of("/proc/self/fd");
+}
+// A joined thread leaves the list a moment after the join.
+inline bool threads_settle_at(size_t wanted)
+{
+    return wait_until([=] { return entries_of("/proc/self/task") == wanted; });
+}
+
+// A parsed configuration text.
+struct tConfig {
+    config_t cfg;
+    explicit tConfig(const std::string &text)
+    {
+        config_init(&cfg);
+        EXPECT_EQ(CONFIG_TRUE, config_read_string(&cfg, text.c_str())) << text;
+    }
+    ~tConfig()
+    {
+        config_destroy(&cfg);
+    }
+};
+
+inline sockaddr_un unix_name(const std::string &path)
+{
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    path.copy(addr.sun_path, sizeof addr.sun_path - 1);
+    return addr;
+}
+
+// A connected client, or -1.
+inline int unix_connect(const std::string &path)
+{
+    const sockaddr_un addr = unix_name(path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0)
+        return fd;
+    close(fd);
+    return -1;
+}
+
+// A client of a server that is starting up.
+inline int unix_connect_soon(const std::string &path)
+{
+    int fd = -1;
+    EXPECT_TRUE(wait_until([&] { return (fd = unix_connect(path)) != -1; })) << path;
+    return fd;
+}
+
+inline int unix_listen(const std::string &path)
+{
+    const sockaddr_un addr = unix_name(path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr));
+    EXPECT_EQ(0, listen(fd, 4));
+    return fd;
+}
+
+// Exactly `len` bytes, fewer at end of stream or after ten seconds.
+inline std::string read_bytes(int fd, size_t len)
+{
+    timeval wait = {10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    std::string got(len, '\0');
+    const ssize_t n = len == 0 ? 0 : recv(fd, &got[0], len, MSG_WAITALL);
+    got.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return got;
+}
