@@ -1,0 +1,70 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * popen2: a shell command at the other end of a pipe, that can be ended at once.
+ *
+ *     #include <common/popen2.h>
+ *     char command[] = "tail -f nmea.txt | grep GGA", type[] = "r";
+ *     ...
+ *     FILE *from = popen2(command, type);  // then fgets(line, sizeof line, from) and so on
+ *     ...
+ *     if (from != NULL)
+ *         pclose2(from);                   // does not wait for the command: signals it
+ *
+ * WHAT pclose2() SIGNALS: not the shell, but the process whose ID is one greater than the shell's,
+ * in the belief that this is the command, as the first process that the shell made. Nothing
+ * checks it. The belief is wrong when another process was started at that moment, and when the
+ * shell makes no process at all: many a shell runs a single plain command in its own place, a
+ * built-in always. Then whatever has that ID gets the SIGTERM, if the caller may signal it, or
+ * nothing does. Use it where the host knows its shell and its command.
+ *
+ * WHO REAPS THE SHELL: the host. Neither function waits for a child, so each popen2() leaves an
+ * exited child behind when its shell has ended, until the host calls waitpid() (with -1, as the ID
+ * is not handed out), or ignores SIGCHLD.
+ *
+ * Threads: calls of popen2() and pclose2() must not overlap: they share a table without a lock.
+ * The stream may be used like any other.
+ *
+ * Who owns what: the stream is the caller's, who ends it with pclose2() and not with fclose(). The
+ * table of streams is made at the first call, with a slot for each descriptor that the process may
+ * have then, and stays until the process ends. A stream whose descriptor lies beyond it (the limit
+ * was raised later) works, but pclose2() does not know it: fclose() it. So raise the limit first.
+ *
+ * What blocks: popen2() until the child has become the shell. pclose2() while what is buffered in
+ * a "w" stream goes into the pipe; without a reader that raises SIGPIPE.
+ *
+ * What the command inherits: every open descriptor of the host that is not close-on-exec, with the
+ * pipe ends of streams made earlier. A "w" command therefore sees no end of file while a later
+ * command still runs.
+ */
+#ifndef KELVARA_COMMON_POPEN2_H
+#define KELVARA_COMMON_POPEN2_H
+
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* Runs /bin/sh -c program with a pipe to it. type is exactly "r": the stream reads the command's
+ * standard output, or "w": the stream writes to its standard input. The strings are only read, and
+ * not kept. Returns the stream, or null: a bad type, no memory for the table, no pipe, no process,
+ * or no stream (the shell then runs on and finds the pipe closed); errno is that of the call that
+ * failed. A shell that cannot be started shows as end of file, or as a pipe without a reader, and
+ * exits with 127. */
+FILE *popen2(char *program, char *type);
+
+/* Closes a stream of popen2() and sends SIGTERM to the process after the shell (see above), with
+ * SIGINT, SIGQUIT and SIGHUP held back in the calling thread meanwhile. Returns 0 when the signal
+ * was sent, and -1 when it was not (no such process: the stream is closed all the same), or when
+ * iop is no stream of popen2(): it is then left open. */
+int pclose2(FILE *iop);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
