@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <event2/event.h>

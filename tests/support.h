@@ -82,6 +82,13 @@ inline size_t open_descriptors()
 {
     return entries_of("/proc/self/fd");
 }
+// How many threads there are, with whatever a sanitizer starts along with the first one.
+inline size_t threads_at_rest()
+{
+    std::thread([] {}).join();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return entries_of("/proc/self/task");
+}
 // A joined thread leaves the list a moment after the join.
 inline bool threads_settle_at(size_t wanted)
 {
