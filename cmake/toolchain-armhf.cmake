@@ -38,4 +38,5 @@ foreach(language C CXX)
 endforeach()
 
 # The folder's lib leads to the cross compiler's C library, so one path serves the emulated loader.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${KELVARA_ARMHF_SYSROOT})
+# With the processor named, what a Cortex-A9 lacks (integer division) ends a program by SIGILL.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -cpu cortex-a9 -L ${KELVARA_ARMHF_SYSROOT})
