@@ -50,8 +50,8 @@ extern "C" {
 /* Runs /bin/sh -c program with a pipe to it. type is exactly "r": the stream reads the command's
  * standard output, or "w": the stream writes to its standard input. The strings are only read, and
  * not kept. Returns the stream, or null: a bad type, no memory for the table, no pipe, no process,
- * or no stream (the shell then runs on and finds the pipe closed); errno is that of the call that
- * failed. A shell that cannot be started shows as end of file, or as a pipe without a reader, and
+ * or no stream (the shell then runs on and finds the pipe closed). errno is set by the system call
+ * that failed, if one did. A shell that cannot be started shows as end of file, or as a pipe without a reader, and
  * exits with 127. */
 FILE *popen2(char *program, char *type);
 

@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: MIT
+#include "calls.h"
+#include <algorithm>
+#include <arpa/inet.h>
+#include <climits>
+#include <common/self_log.h>
+#include <common/xfuncs.h>
+#include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <random>
+#include <regex>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+eLogLevl gLogLevl = LOG_LEV_ERROR;
+
+namespace
+{
+const struct {
+    const char *name, *family, *addr;
+} gEntries[] = {
+    {"lo", "0x0()", ""},
+    {"lo", "0x2(AF_INET)", ""},
+    {"eth0", "0x11(AF_PACKET)", ""},
+    {"eth0", "0x3()", ""},
+    {"eth0", "0xA(AF_INET6)", "2001:db8::1"},
+    {"eth0", "0xA(AF_INET6)", "fe80::1"},
+    {"eth01", "0xA(AF_INET6)", "febf:ff::2"},
+    {"site", "0xA(AF_INET6)", "fec0::1"},
+    {"low", "0xA(AF_INET6)", "fe7f::1"},
+};
+size_t gEntryCount; // how many of them the list holds now
+int gLists;         // lists that were had and not released
+in6_addr gAddr;
+rlimit gLimit;
+} // namespace
+
+extern "C" time_t time(time_t *) noexcept
+{
+    return 1700000000;
+}
+
+extern "C" int getifaddrs(ifaddrs **list) noexcept
+{
+    static ifaddrs links[std::size(gEntries)];
+    static sockaddr_in6 addrs[std::size(gEntries)];
+    *list = nullptr;
+    for (size_t i = gEntryCount; i-- > 0; *list = &links[i]) {
+        addrs[i].sin6_family = static_cast<sa_family_t>(strtol(gEntries[i].family, nullptr, 0));
+        (void)inet_pton(AF_INET6, gEntries[i].addr, &addrs[i].sin6_addr);
+        links[i].ifa_next = *list;
+        links[i].ifa_name = const_cast<char *>(gEntries[i].name);
+        links[i].ifa_addr = i > 0 ? reinterpret_cast<sockaddr *>(&addrs[i]) : nullptr;
+    }
+    gLists++;
+    return 0;
+}
+
+extern "C" void freeifaddrs(ifaddrs *) noexcept
+{
+    gLists--;
+}
+
+// Raising the limit takes a privilege that a test seldom has. A sanitizer calls this before it is
+// ready to watch it.
+extern "C" __attribute__((no_sanitize("address", "undefined", "thread"))) int
+setrlimit(__rlimit_resource_t resource, const rlimit *limit) noexcept
+{
+    if (resource == RLIMIT_NOFILE)
+        gLimit = *limit;
+    return 0;
+}
+
+TEST(Xfuncs, FailuresAreLoggedOnce)
+{
+    static char kept[] = "kept";
+    static const auto lookUp = get_linklocal_ipv6addr;
+    const std::string null = "|aopcAddr6 and aipcIface can't be NULL!\n";
+    const std::string random = "|malloc() err!!!!\n|xzMalloc() err!!!!\n";
+    const struct {
+        const char *fails; // this call
+        std::string log;
+        bool (*call)(); // and this must hold
+    } cases[] = {
+        {"malloc", "|malloc() err!!!!\n", [] { return !xMalloc(5); }},
+        {"calloc", "|malloc() err!!!!\n", [] { return !xzMalloc(5); }},
+        {"calloc", "|calloc() err!!!!\n", [] { return !xzOneCalloc(-5); }},
+        {"calloc", "|calloc() err!!!!\n", [] { return !xCalloc(5, 7); }},
+        {"realloc", "|realloc() err!!!!\n", [] { return !xRealloc(kept, 9) && *kept == 'k'; }},
+        {"malloc", "", [] { return !xMalloc(0); }},
+        {"calloc", "", [] { return !xzMalloc(0) && !xzOneCalloc(0); }},
+        {"calloc", "", [] { return !xCalloc(0, 5) && !xCalloc(5, 0); }},
+        {"realloc", "", [] { return !xRealloc(kept, 0); }},
+        {"calloc", random, [] { return !gen_random_string(4); }},
+        {"calloc", random, [] { return !gen_random_number_string(INT_MAX); }},
+        {"", "", [] { return !gen_random_string(-1) && !gen_random_number_string(INT_MIN); }},
+        {"getrlimit", "|getrlimit() err!!!!\n", [] { return system_set_rlimit() == -2; }},
+        {"setrlimit", "|setrlimit() err!!!!\n", [] { return system_set_rlimit() == -3; }},
+        {"getifaddrs", "|getifaddrs error!!!!\n", [] { return lookUp(&gAddr, "lo") == -1; }},
+        {"", null, [] { return lookUp(&gAddr, nullptr) == -1; }},
+        {"", null, [] { return lookUp(nullptr, "lo") == -1; }},
+    };
+    const std::regex head("\\[ERR:\\d\\d:\\d\\d:\\d\\d\\.\\d{8}          xfuncs \\d{4}\\] ");
+    for (const auto &c : cases)
+        for (eLogLevl threshold : {LOG_LEV_ERROR, LOG_LEV_OFF}) {
+            gLogLevl = threshold;
+            srand(7);
+            const int next = rand();
+            srand(7);
+            calls_watch(calls_fail(c.fails, c.log.empty() ? 0 : 1, ENOMEM)); // any retry succeeds
+            testing::internal::CaptureStdout();
+            EXPECT_TRUE(c.call()) << c.log;
+            const std::string out = testing::internal::GetCapturedStdout();
+            EXPECT_EQ(std::regex_replace(out, head, "|"), threshold ? c.log : "");
+            EXPECT_EQ(rand(), next); // nobody seeded or drew
+        }
+    EXPECT_EQ(gLists, 0);
+}
+
+TEST(Xfuncs, AllocationsAreClearedAndKept)
+{
+    for (void *mem : {xzMalloc(999), xzOneCalloc(999), xCalloc(333, 3), xCalloc(3, 333)}) {
+        EXPECT_EQ(std::string(static_cast<char *>(mem), 999), std::string(999, '\0'));
+        mem = xRealloc(strcpy(static_cast<char *>(mem), "kept"), 100000);
+        EXPECT_STREQ(static_cast<char *>(mem), "kept");
+        EXPECT_EQ(xRealloc(mem, 0), nullptr); // releases it
+    }
+}
+
+TEST(Xfuncs, CheckSumEqualsByteLoopBetweenUnreadablePages)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *map = mmap(nullptr, 3 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    char *start = static_cast<char *>(map) + page;
+    ASSERT_EQ(mprotect(start, page, PROT_READ | PROT_WRITE), 0);
+    std::mt19937 random(1);
+    std::generate(start, start + page, [&] { return static_cast<char>(random()); });
+    for (size_t len = 0; len <= 150; len++)
+        for (size_t shift = 0; shift < 64; shift++)
+            for (const char *first : {start + shift, start + page - len - shift}) {
+                char sum = 0;
+                for (size_t i = 0; i < len; i++)
+                    sum = static_cast<char>(sum ^ first[i]);
+                ASSERT_EQ(xorCheckSum(first, first + len - 1), sum) << len << " " << shift;
+            }
+    EXPECT_EQ(xorCheckSum(start + page, start), 0);
+}
+
+TEST(Xfuncs, BaudRatesMatchExactly)
+{
+    speed_t code = 0; // they are numbered in order, the second series from 4097
+    for (int rate : {0,       50,      75,      110,     134,     150,     200,    300,
+                     600,     1200,    1800,    2400,    4800,    9600,    19200,  38400,
+                     57600,   115200,  230400,  460800,  500000,  576000,  921600, 1000000,
+                     1152000, 1500000, 2000000, 2500000, 3000000, 3500000, 4000000}) {
+        EXPECT_EQ(tty_get_baudrate(rate), code) << rate;
+        code = code == 15 ? 4097 : code + 1;
+    }
+    for (int rate : {-1, 135, 14400, 38401, 128000, 256000, 4000001, INT_MIN, 9600 + 65536})
+        EXPECT_EQ(tty_get_baudrate(rate), 0xFFFFFFFFU) << rate;
+}
+
+TEST(Xfuncs, OpenFileLimitSetsBoth)
+{
+    EXPECT_EQ(system_set_rlimit(), 0);
+    EXPECT_EQ(gLimit.rlim_cur, 40000U);
+    EXPECT_EQ(gLimit.rlim_max, 40000U);
+}
+
+TEST(Xfuncs, LinkLocalLookUp)
+{
+    const size_t all = std::size(gEntries);
+    const struct {
+        const char *iface;
+        size_t listed, traced;
+        const char *addr;
+        bool found;
+    } cases[] = {
+        {"eth0", 0, 0, "::1", false},        {"eth0", 4, 4, "::1", false},
+        {"eth0", all, 6, "fe80::1", true},   {"eth01", all, 7, "febf:ff::2", true},
+        {"eth", all, all, "fe7f::1", false}, {"ETH0", 7, 7, "febf:ff::2", false},
+        {"site", 8, 8, "fec0::1", false},    {"low", all, all, "fe7f::1", false},
+    };
+    for (const auto &c : cases)
+        for (const char *fails : {"", "inet_ntop"}) {
+            std::string text;
+            for (size_t i = 0; i < c.traced; i++)
+                text += std::string("ifa_name=") + gEntries[i].name +
+                        ", family=" + gEntries[i].family + "\n";
+            if (c.found && !*fails)
+                text += std::string("find out ") + c.iface +
+                        "'s linklocal IPv6 address: " + c.addr + "\n";
+            gEntryCount = c.listed;
+            gAddr = in6addr_loopback;
+            calls_watch(calls_fail(fails, 0, ENOSPC));
+            testing::internal::CaptureStdout();
+            EXPECT_EQ(get_linklocal_ipv6addr(&gAddr, c.iface), 0);
+            EXPECT_EQ(testing::internal::GetCapturedStdout(), text);
+            calls_stop();
+            char addr[INET6_ADDRSTRLEN];
+            EXPECT_STREQ(inet_ntop(AF_INET6, &gAddr, addr, sizeof addr), c.addr);
+            EXPECT_EQ(gLists, 0);
+        }
+}
+
+TEST(Xfuncs, RandomStringsFollowTheSecond)
+{
+    for (int len : {0, 1, 1000})
+        for (bool digits : {false, true}) {
+            char *text = digits ? gen_random_number_string(len) : gen_random_string(len);
+            const int next = rand(); // shows that there were no draws but these
+            std::string expected;
+            srand(static_cast<unsigned>(time(nullptr)));
+            for (int i = 0; i < len; i++) {
+                const int flag = digits ? 2 : rand() % 3;
+                expected += static_cast<char>("Aa0"[flag] + rand() % (flag == 2 ? 10 : 26));
+            }
+            EXPECT_EQ(rand(), next);
+            EXPECT_EQ(text, expected);
+            free(text);
+        }
+}
