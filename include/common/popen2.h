@@ -51,8 +51,8 @@ extern "C" {
  * standard output, or "w": the stream writes to its standard input. The strings are only read, and
  * not kept. Returns the stream, or null: a bad type, no memory for the table, no pipe, no process,
  * or no stream (the shell then runs on and finds the pipe closed). errno is set by the system call
- * that failed, if one did. A shell that cannot be started shows as end of file, or as a pipe without a reader, and
- * exits with 127. */
+ * that failed, if one did. A shell that cannot be started shows as end of file, or as a pipe
+ * without a reader, and exits with 127. */
 FILE *popen2(char *program, char *type);
 
 /* Closes a stream of popen2() and sends SIGTERM to the process after the shell (see above), with
