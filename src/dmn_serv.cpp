@@ -58,11 +58,7 @@ static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
     pthread_rwlock_wrlock(&giContCltLk);
     list_del_init(&pClit->hnode);
     pthread_rwlock_unlock(&giContCltLk);
-    if (pClit->pClitEt != nullptr) {
-        (void)event_del(pClit->pClitEt);
-        event_free(pClit->pClitEt);
-        pClit->pClitEt = nullptr;
-    }
+    service_free_event(&pClit->pClitEt);
     (void)close(pClit->fd);
     free(pClit);
 }
@@ -129,15 +125,8 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
 // Every event is freed before the base; a descriptor of 0 is one like any other.
 static void _dmn_server_release()
 {
-    if (gipTcpServEt != nullptr) {
-        (void)event_del(gipTcpServEt);
-        event_free(gipTcpServEt);
-        gipTcpServEt = nullptr;
-    }
-    if (giServTcpFd != -1) {
-        (void)close(giServTcpFd);
-        giServTcpFd = -1;
-    }
+    service_free_event(&gipTcpServEt);
+    service_close(&giServTcpFd);
     pthread_rwlock_wrlock(&giContCltLk);
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
@@ -145,19 +134,13 @@ static void _dmn_server_release()
     {
         tClitNetCon *pClit = reinterpret_cast<tClitNetCon *>(pNode);
         list_del_init(&pClit->hnode);
+        // The event goes before the descriptor, whose number another thread may get at once.
+        service_free_event(&pClit->pClitEt);
         (void)close(pClit->fd);
-        if (pClit->pClitEt != nullptr) {
-            (void)event_del(pClit->pClitEt);
-            event_free(pClit->pClitEt);
-        }
         free(pClit);
     }
     pthread_rwlock_unlock(&giContCltLk);
-    if (gipPthdEtBse != nullptr) {
-        (void)event_base_loopbreak(gipPthdEtBse);
-        event_base_free(gipPthdEtBse);
-        gipPthdEtBse = nullptr;
-    }
+    service_free_base(&gipPthdEtBse);
 }
 
 static void *_dmn_server_func_pth(void *aipArg)

@@ -29,23 +29,6 @@ static int giFeddogFd = -1;
 static event *gipRxFeddogEt;
 static event *gipTxFeddogHtEt;
 
-static void _free_feddog_event(event **aiopEt)
-{
-    if (*aiopEt == nullptr)
-        return;
-    (void)event_del(*aiopEt);
-    event_free(*aiopEt);
-    *aiopEt = nullptr;
-}
-
-static void _close_feddog_fd()
-{
-    if (giFeddogFd == -1)
-        return;
-    (void)close(giFeddogFd);
-    giFeddogFd = -1;
-}
-
 // The configured period, as libevent takes it: microseconds below a million, and seconds that,
 // added to now, stay within a time_t of 32 bits.
 static timeval _heartbeat_period(const tFeddogCfg *aicpcCfg)
@@ -88,8 +71,8 @@ static void _rx_feeddog_data_cb(int aiFd, short, void *)
         LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
     else
         LOG_MSG(LOG_LEV_OFF, "Server close------\n");
-    _free_feddog_event(&gipRxFeddogEt);
-    _close_feddog_fd();
+    service_free_event(&gipRxFeddogEt);
+    service_close(&giFeddogFd);
 }
 
 // --- start and stop ---------------------------------------------------------------------------
@@ -113,14 +96,10 @@ static int _unix_socket_connect(const char *const aicpServName)
 
 static void _feddog_release()
 {
-    _free_feddog_event(&gipTxFeddogHtEt);
-    _free_feddog_event(&gipRxFeddogEt);
-    if (gipFedDogEtBse != nullptr) {
-        (void)event_base_loopbreak(gipFedDogEtBse);
-        event_base_free(gipFedDogEtBse);
-        gipFedDogEtBse = nullptr;
-    }
-    _close_feddog_fd();
+    service_free_event(&gipTxFeddogHtEt);
+    service_free_event(&gipRxFeddogEt);
+    service_free_base(&gipFedDogEtBse);
+    service_close(&giFeddogFd);
 }
 
 static void *_feddog_func_pth(void *aipArg)

@@ -37,11 +37,10 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
 {
     (void)pthread_cancel(aiPthdId); // a thread that ended by itself is joined all the same
+    // An eventfd takes this at the first try, or after an interrupted one.
     const uint64_t one = 1;
-    ssize_t done = 0;
-    do
-        done = write(aiopServ->WakeFd, &one, sizeof one);
-    while (done == -1 && errno == EINTR);
+    while (write(aiopServ->WakeFd, &one, sizeof one) == -1 && errno != EBADF)
+        ;
     (void)pthread_join(aiPthdId, nullptr);
     (void)close(aiopServ->WakeFd);
     aiopServ->WakeFd = -1;
@@ -83,5 +82,31 @@ socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath)
 void service_set_nonblock(int aicFd)
 {
     const int flags = fcntl(aicFd, F_GETFL, 0);
-    (void)fcntl(aicFd, F_SETFL, flags | O_NONBLOCK);
+    (void)fcntl(aicFd, F_SETFL, (flags == -1 ? 0 : flags) | O_NONBLOCK);
+}
+
+void service_free_event(event **aiopEt)
+{
+    if (*aiopEt == nullptr)
+        return;
+    (void)event_del(*aiopEt); // fails on an event without a base only
+    event_free(*aiopEt);
+    *aiopEt = nullptr;
+}
+
+void service_free_base(event_base **aiopEtBse)
+{
+    if (*aiopEtBse == nullptr)
+        return;
+    (void)event_base_loopbreak(*aiopEtBse);
+    event_base_free(*aiopEtBse);
+    *aiopEtBse = nullptr;
+}
+
+void service_close(int *aiopFd)
+{
+    if (*aiopFd == -1)
+        return;
+    (void)close(*aiopFd); // a local stream socket has nothing left to report
+    *aiopFd = -1;
 }

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+struct event;
 struct event_base;
 
 struct tService {
@@ -38,3 +39,9 @@ socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath);
 
 // Adds O_NONBLOCK to the descriptor's flags; on a socket of ours that cannot fail.
 void service_set_nonblock(int aicFd);
+
+// Give back what there is, once the loop has ended, and reset it. A descriptor of 0 is one like
+// any other.
+void service_free_event(event **aiopEt);
+void service_free_base(event_base **aiopEtBse);
+void service_close(int *aiopFd);

@@ -1,0 +1,61 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# What the scripts share; source it. It leaves the caller in the root of the tree.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+jobs=$(nproc)
+
+say() {
+  printf '\n== %s\n' "$*"
+}
+
+die() {
+  printf '%s: FAILED: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Installs what is missing of the named packages; makes no call of apt when nothing is.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    [[ $(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) == installed ]] \
+      || missing+=("$package")
+  done
+  ((${#missing[@]})) || return 0
+  say "installing ${missing[*]}"
+  local as_root=()
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null || die "not root, and no sudo to install: ${missing[*]}"
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# What a preset's build needs besides the compiler.
+build_packages=(cmake ninja-build g++ libevent-dev libconfig-dev)
+
+# build_preset PRESET [cmake arguments]: configures and builds build/PRESET.
+build_preset() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" "$@" >"$root/build/$preset.log" 2>&1 \
+    || { tail -n 30 "$root/build/$preset.log" >&2; die "configuring $preset"; }
+  cmake --build "$root/build/$preset" -j "$jobs" >"$root/build/$preset.log" 2>&1 \
+    || { grep -E 'error|FAILED|warning' "$root/build/$preset.log" | head -n 30 >&2
+         die "building $preset: see build/$preset.log"; }
+}
+mkdir -p "$root/build"
+
+# What runs a program of the armhf preset; filled by need_armhf.
+arm_runner=()
+
+# The cross compiler, the emulator and the armhf libraries. Status 77: they cannot be had.
+need_armhf() {
+  need_packages "${build_packages[@]}" g++-arm-linux-gnueabihf qemu-user googletest
+  "$root/scripts/arm_sysroot" || return $?
+  arm_runner=(qemu-arm -L "${KELVARA_ARMHF_SYSROOT:-$root/build/armhf-sysroot}")
+}

@@ -1,0 +1,448 @@
+// SPDX-License-Identifier: MIT
+// Two drivers over tables of scenarios, and a storm.
+//
+// Failures: a normal run is counted, and then repeated with each of its calls failing once.
+// Stops: the host's exit call strikes while the service's thread stands at each of its calls.
+// After every single one nothing is left behind, and a normal run works.
+#include <common/buffer.h>
+#include <common/dmn_serv.h>
+#include <common/popen2.h>
+#include <common/self_dog.h>
+#include <common/self_log.h>
+#include <common/xfuncs.h>
+
+#include "calls.h"
+#include "support.h"
+
+#include <atomic>
+#include <cerrno>
+#include <event2/event.h>
+#include <event2/thread.h>
+#include <fcntl.h>
+#include <map>
+#include <random>
+#include <shared_mutex>
+#include <sys/wait.h>
+
+eLogLevl gLogLevl = LOG_LEV_ERROR;
+
+namespace
+{
+tTempDir gDir;
+std::atomic<bool> gStruck{false}; // the scenario shall go straight to its exit call
+long gExitMs;                     // how long that took
+
+// Waits for something of the service's, unless the stop strikes or a failure has made it vain.
+bool await(const std::function<bool()> &done)
+{
+    bool met = false;
+    calls_uncounted([&] { met = wait_until([&] { return gStruck || done(); }, 300); });
+    return met && !gStruck;
+}
+
+void timed_exit(int (*exitCall)())
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, exitCall());
+    gExitMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count();
+}
+
+// --- scenarios: each a whole life, which tells whether all of it worked -----------------------
+
+bool log_life(eLogRunMod mode)
+{
+    tLogCfg cfg = {mode, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_ON, ""};
+    snprintf(cfg.saveLogPath, sizeof cfg.saveLogPath, "%s/log", gDir.path.c_str());
+    const int ret = log_system_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -2 || ret == -3 || ret == -4) << ret;
+    for (unsigned i = 1; i <= 3; ++i) {
+        logger(0, 0, "line\n");
+        if (mode == LOG_RUN_NEW_PTHREAD && ret == 0)
+            await([=] { return calls_count("read") >= i; });
+    }
+    timed_exit(log_system_exit);
+    size_t lines = 0;
+    calls_uncounted([&] {
+        for (const char *name : {"log-00.log", "log-01.log"})
+            lines += count_of(slurp(gDir / name), "line\n");
+        (void)!system(("rm -f " + (gDir / "log") + "*").c_str());
+    });
+    if (gStruck)
+        EXPECT_EQ(3U, lines); // a stop loses nothing, wherever it strikes
+    return ret == 0 && lines == 3;
+}
+bool direct_log_life()
+{
+    return log_life(LOG_RUN_MAIN_PROGRESS);
+}
+bool writer_log_life()
+{
+    return log_life(LOG_RUN_NEW_PTHREAD);
+}
+
+bool server_life()
+{
+    static tDmnServCfg cfg;
+    snprintf(cfg.dmNme, sizeof cfg.dmNme, "%s/serv", gDir.path.c_str());
+    const int ret = dmn_server_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -11) << ret;
+    int stays = -1, leaves = -1;
+    char msg[] = "message", got = 0;
+    const auto connected = [&](int *fd) {
+        return await([&] {
+            if (*fd == -1 && (*fd = unix_connect(gDir / "serv")) == -1)
+                return false;
+            char byte[] = "?";
+            dmn_serv_tx_clit_msg(byte, 1);
+            return recv(*fd, &got, 1, MSG_DONTWAIT) == 1;
+        });
+    };
+    bool worked = ret == 0 && connected(&stays) && connected(&leaves);
+    if (worked) {
+        calls_uncounted([&] { send(stays, "to be thrown away", 17, MSG_NOSIGNAL); });
+        calls_uncounted([&] { close(leaves); });
+        leaves = -1;
+        dmn_serv_tx_clit_msg(msg, sizeof msg);
+        worked = await([&] { return recv(stays, &got, 1, MSG_DONTWAIT) == 1 && got == 'm'; });
+    }
+    timed_exit(dmn_server_exit);
+    calls_uncounted([&] {
+        close(stays);
+        close(leaves);
+        unlink(cfg.dmNme);
+    });
+    return worked;
+}
+
+// Ends on its own: there is nothing to bind to, or no configuration at all.
+bool server_that_cannot()
+{
+    static tDmnServCfg cfg = {"/no/such/folder/serv"};
+    for (tDmnServCfg *pCfg : {&cfg, static_cast<tDmnServCfg *>(nullptr)}) {
+        dmn_server_init(pCfg);
+        await([] { return calls_count("pthread_exit") > 0; });
+        timed_exit(dmn_server_exit);
+    }
+    return true;
+}
+
+bool dog_life()
+{
+    static tFeddogCfg cfg = {0, 1000, "driver", ""};
+    snprintf(cfg.txFeddogHtDmNme, sizeof cfg.txFeddogHtDmNme, "%s/dog", gDir.path.c_str());
+    int dog = -1, fd = -1;
+    calls_uncounted([&] {
+        dog = unix_listen(cfg.txFeddogHtDmNme);
+        fcntl(dog, F_SETFL, O_NONBLOCK);
+    });
+    const int ret = self_feddog_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -11) << ret;
+    char got[11];
+    const bool worked = ret == 0 &&
+                        await([&] { return (fd = accept(dog, nullptr, nullptr)) != -1; }) &&
+                        await([&] { return recv(fd, got, sizeof got, MSG_DONTWAIT) == 11; }) &&
+                        await([&] { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; });
+    calls_uncounted([&] { close(fd); });
+    if (worked) // it notices, and goes on beating into the void
+        await([] { return calls_count("close") > 0 && calls_count("write") > 3; });
+    timed_exit(self_feddog_exit);
+    calls_uncounted([&] {
+        close(dog);
+        unlink(cfg.txFeddogHtDmNme);
+    });
+    return worked;
+}
+
+bool dog_that_cannot()
+{
+    static tFeddogCfg cfg = {0, 1000, "driver", "/no/such/folder/dog"};
+    self_feddog_init(&cfg);
+    await([] { return calls_count("pthread_exit") > 0; });
+    timed_exit(self_feddog_exit);
+    return true;
+}
+
+bool toolkit_life()
+{
+    int ends[2] = {-1, -1};
+    calls_uncounted([&] { (void)!pipe(ends); });
+    buffer_t *pBuf = buffer_init(10);
+    const std::string text(600, 't');
+    calls_uncounted([&] { (void)!write(ends[1], text.data(), text.size()); });
+    const int taken = pBuf == nullptr ? -1 : read_buffer(ends[0], pBuf);
+    write_string(pBuf, const_cast<char *>(text.c_str()), 600);
+    const bool whole = pBuf != nullptr && taken == 600 && pBuf->used == 1204;
+    buffer_free(pBuf);
+    calls_uncounted([&] {
+        close(ends[0]);
+        close(ends[1]);
+    });
+    char *pText = gen_random_string(20);
+    free(pText);
+    const int limit = system_set_rlimit();
+    EXPECT_TRUE(limit == 0 || limit == -2 || limit == -3) << limit;
+    in6_addr addr;
+    const int found = get_linklocal_ipv6addr(&addr, "lo");
+    char program[] = "echo word", type[] = "r", word[8] = "";
+    FILE *pStream = popen2(program, type);
+    calls_uncounted([&] {
+        if (pStream != nullptr)
+            (void)!fgets(word, sizeof word, pStream);
+    });
+    const int ended = pStream == nullptr ? -1 : pclose2(pStream);
+    while (wait(nullptr) > 0 || errno == EINTR)
+        ;
+    return whole && pText != nullptr && found == 0 && strcmp(word, "word\n") == 0 && ended <= 0;
+}
+
+struct tScenario {
+    const char *name;
+    bool (*run)();
+};
+
+// What a failed call must say, where it must say anything.
+const std::map<std::string, std::string> gicSaid = {
+    {"socket", "socket() err, msg"},     {"bind", "bind() err, msg="},
+    {"listen", "listen() err, msg="},    {"accept", "accept() err, msg="},
+    {"connect", "connect() err, msg:"},  {"read", "ead() err, msg:"},
+    {"event_new", "_new() err!!!!\n"},   {"event_base_new", "event_base_new() err!!!!\n"},
+    {"pipe", "pipe() err, msg:"},        {"fopen", "fopen() err!!!!\n"},
+    {"select", "select()=-1, msg:"},     {"pthread_create", "pthread_create() err, msg:"},
+    {"eventfd", "pthread_create() err"}, {"calloc", "alloc() err!!!!\n"},
+    {"getrlimit", "getrlimit() err"},    {"setrlimit", "setrlimit() err"},
+    {"getifaddrs", "getifaddrs error"},
+};
+
+struct tRest { // nothing more than this may be there after a run
+    size_t threads = threads_at_rest(), fds = open_descriptors();
+    void check(const std::string &after) const
+    {
+        EXPECT_TRUE(threads_settle_at(threads)) << after;
+        EXPECT_EQ(fds, open_descriptors()) << after;
+        EXPECT_LT(gExitMs, 1000) << after;
+    }
+};
+
+// A normal run that must work.
+void normal_run(const tScenario &scenario)
+{
+    gStruck = false;
+    bool worked = false;
+    const std::string said = output_of([&] {
+        calls_watch();
+        worked = scenario.run();
+        calls_stop();
+    });
+    EXPECT_TRUE(worked) << scenario.name << ":\n" << said;
+}
+} // namespace
+
+class Failures : public testing::TestWithParam<tScenario>
+{
+};
+
+TEST_P(Failures, EachCallFailsOnce)
+{
+    const tScenario &scenario = GetParam();
+    normal_run(scenario); // the first one leaves what stays for good, such as the unwinder
+    normal_run(scenario);
+    const size_t calls = calls_seen().size();
+    const tRest rest;
+    unsigned failed = 0;
+    for (unsigned k = 1; k <= calls; ++k)
+        for (const int err : {EINTR, EAGAIN, EMFILE, ENOMEM}) {
+            std::string name;
+            gStruck = false;
+            const std::string said = output_of([&] {
+                calls_watch([&](const tCall &call) {
+                    if (call.index != k)
+                        return 0;
+                    name = call.name;
+                    return err;
+                });
+                scenario.run();
+                calls_stop();
+            });
+            const std::string what = std::string(scenario.name) + ", call " + std::to_string(k) +
+                                     " (" + name + ") failing with " + strerror(err);
+            rest.check(what);
+            const auto must = gicSaid.find(name);
+            if (must != gicSaid.end() && said.find(must->second) == std::string::npos &&
+                !(std::string("toolkit") ==
+                  scenario.name)) // which has silent readers and allocators
+                ADD_FAILURE() << what << " said only:\n" << said;
+            failed += !name.empty();
+            if (HasFailure())
+                return;
+        }
+    normal_run(scenario);
+    printf("%u calls failed\n", failed);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Failures,
+                         testing::Values(tScenario{"direct log", direct_log_life},
+                                         tScenario{"writer log", writer_log_life},
+                                         tScenario{"server", server_life},
+                                         tScenario{"dog", dog_life},
+                                         tScenario{"toolkit", toolkit_life}),
+                         [](const auto &one) { return std::to_string(one.index); });
+
+class Stops : public testing::TestWithParam<std::tuple<tScenario, bool>>
+{
+};
+
+TEST_P(Stops, ExitStrikesAtEachCallOfTheThread)
+{
+    const tScenario &scenario = std::get<0>(GetParam());
+    if (std::get<1>(GetParam()))
+        evthread_use_pthreads();
+    normal_run(scenario);
+    const tRest rest;
+    const auto host = std::this_thread::get_id();
+    unsigned struck = 0;
+    for (unsigned k = 1, idle = 0; idle < 3; ++k) {
+        std::atomic<unsigned> stood{0};
+        std::atomic<bool> joining{false};
+        std::string name;
+        gStruck = false;
+        output_of([&] {
+            calls_watch([&](const tCall &call) {
+                if (std::this_thread::get_id() == host) {
+                    joining = joining || call.name == std::string("pthread_join");
+                } else if (++stood == k) {
+                    name = call.name;
+                    gStruck = true;
+                    int was; // where the library can be struck is its choice, not that of this wait
+                    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
+                    wait_until([&] { return joining.load(); }, 2000);
+                    pthread_setcancelstate(was, nullptr);
+                }
+                return 0;
+            });
+            scenario.run();
+            calls_stop();
+        });
+        if (!name.empty())
+            ++struck;
+        else
+            ++idle; // the thread's life has fewer calls
+        rest.check(std::string(scenario.name) + ", struck at call " + std::to_string(k) + ", " +
+                   name);
+        normal_run(scenario);
+        if (HasFailure())
+            return;
+    }
+    EXPECT_GT(struck, 10U);
+    printf("%u stops struck\n", struck);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, Stops,
+    testing::Combine(testing::Values(tScenario{"writer log", writer_log_life},
+                                     tScenario{"server", server_life},
+                                     tScenario{"server that cannot", server_that_cannot},
+                                     tScenario{"dog", dog_life},
+                                     tScenario{"dog that cannot", dog_that_cannot}),
+                     testing::Bool()),
+    [](const auto &one) { return std::to_string(one.index); });
+
+// Everything together, started and stopped over and over: log service in both modes with files that
+// rotate, server with clients that come and go, watchdog, senders, loggers, threshold changes.
+TEST(Storm, StartsAndStopsOfEverything)
+{
+    const char *pSeconds = getenv("KELVARA_STORM_SECONDS"),
+               *pRounds = getenv("KELVARA_STORM_ROUNDS");
+    const long wanted = pRounds != nullptr ? atol(pRounds) : 200;
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(pSeconds != nullptr ? atol(pSeconds) : 0);
+    const int console = dup(1), null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    fflush(stdout);
+    dup2(null, 1);
+    static tDmnServCfg serv;
+    static tFeddogCfg dogCfg = {0, 500, "storm", ""};
+    snprintf(serv.dmNme, sizeof serv.dmNme, "%s/s", gDir.path.c_str());
+    snprintf(dogCfg.txFeddogHtDmNme, sizeof dogCfg.txFeddogHtDmNme, "%s/d", gDir.path.c_str());
+
+    // The peers: a watchdog that takes everybody, and clients that come and go.
+    const int dog = unix_listen(gDir / "d");
+    std::atomic<bool> run{true};
+    std::shared_mutex logging; // held shared by whoever logs, alone while the service changes
+    std::vector<std::thread> pool;
+    pool.emplace_back([&] {
+        fcntl(dog, F_SETFL, O_NONBLOCK);
+        while (run) {
+            const int fd = accept(dog, nullptr, nullptr);
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+            close(fd);
+        }
+    });
+    pool.emplace_back([&] {
+        char rest[300];
+        while (run) {
+            const int fd = unix_connect(gDir / "s");
+            send(fd, rest, sizeof rest, MSG_NOSIGNAL);
+            recv(fd, rest, sizeof rest, MSG_DONTWAIT);
+            close(fd);
+        }
+    });
+    pool.emplace_back([&] {
+        char msg[] = "a message to all";
+        while (run)
+            dmn_serv_tx_clit_msg(msg, sizeof msg);
+    });
+    pool.emplace_back([&] {
+        for (unsigned i = 0; run; ++i) {
+            std::shared_lock<std::shared_mutex> hold(logging);
+            log_msg(LOG_LEV_OFF, "storm", "f", 1, "line %u\n", i);
+            if (i % 16 == 0)
+                set_global_log_level(static_cast<eLogLevl>(i % 3));
+        }
+    });
+
+    size_t fds = 0, tasks = 0;
+    long rounds = 0, longest = 0;
+    std::mt19937 random(20261122);
+    while (rounds < wanted || std::chrono::steady_clock::now() < end) {
+        tLogCfg cfg = {random() % 2 ? LOG_RUN_NEW_PTHREAD : LOG_RUN_MAIN_PROGRESS,
+                       LOG_FILE_TWO,
+                       5,
+                       LOG_SWITCH_OFF,
+                       LOG_SWITCH_ON,
+                       ""};
+        snprintf(cfg.saveLogPath, sizeof cfg.saveLogPath, "%s/l", gDir.path.c_str());
+        {
+            std::lock_guard<std::shared_mutex> hold(logging);
+            EXPECT_EQ(0, log_system_init(&cfg));
+        }
+        EXPECT_EQ(0, dmn_server_init(&serv));
+        EXPECT_EQ(0, self_feddog_init(&dogCfg));
+        if (random() % 4 != 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
+        const auto start = std::chrono::steady_clock::now();
+        self_feddog_exit();
+        dmn_server_exit();
+        std::lock_guard<std::shared_mutex> hold(logging);
+        log_system_exit();
+        longest = std::max<long>(longest, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              std::chrono::steady_clock::now() - start)
+                                              .count());
+        if (++rounds == 2) {
+            fds = open_descriptors();
+            tasks = entries_of("/proc/self/task");
+        }
+    }
+    EXPECT_TRUE(threads_settle_at(tasks));
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() <= fds; })); // the peers' own vary
+    run = false;
+    for (auto &one : pool)
+        one.join();
+    close(dog);
+    fflush(stdout);
+    dup2(console, 1);
+    close(console);
+    close(null);
+    printf("%ld rounds, the longest stop of all three took %ld ms\n", rounds, longest);
+    EXPECT_LT(longest, 5000);
+}
