@@ -31,10 +31,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# libevent keeps its event-config.h with the architecture; a native compiler looks there by itself.
+# What a native compiler finds by itself: the headers, and libevent's event-config.h, which stands
+# with the architecture. Debian's cross compiler would fall back on the machine's own.
 foreach(language C CXX)
   set(CMAKE_${language}_STANDARD_INCLUDE_DIRECTORIES
-    ${KELVARA_ARMHF_SYSROOT}/usr/include/${CMAKE_LIBRARY_ARCHITECTURE})
+    ${KELVARA_ARMHF_SYSROOT}/usr/include/${CMAKE_LIBRARY_ARCHITECTURE}
+    ${KELVARA_ARMHF_SYSROOT}/usr/include)
 endforeach()
 
 # The folder's lib leads to the cross compiler's C library, so one path serves the emulated loader.
