@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+#include "calls.h"
+
+#include <common/self_log.h>
+#include <common/spinlock.h>
+#include <future>
+#include <gtest/gtest.h>
+
+eLogLevl gLogLevl = LOG_LEV_ERROR;
+
+namespace
+{
+// Another holder lets go during the back-off call number `last`; every sleep is interrupted.
+TEST(spinlock, back_off)
+{
+    std::vector<std::string> want(28, "sched_yield");
+    for (unsigned k = 32; k < 60; k++)
+        want.push_back(k % 2 ? "sched_yield" : "nanosleep");
+    spinlock_t lock{7};
+    spinlock_init(&lock);
+    for (unsigned last : {1u, 28u, 29u, 30u, 56u}) {
+        EXPECT_TRUE(lock.v_ == 0 && spinlock_try_lock(&lock) == 1 && lock.v_ == 1);
+        calls_watch([&](const tCall &call) {
+            if (call.index == last)
+                spinlock_unlock(&lock);
+            return call.name == std::string("nanosleep") ? EINTR : 0;
+        });
+        spinlock_lock(&lock);
+        calls_stop();
+        EXPECT_EQ(calls_seen(), std::vector<std::string>(want.begin(), want.begin() + int(last)));
+        EXPECT_TRUE(spinlock_try_lock(&lock) == 0 && lock.v_ == 1);
+        spinlock_unlock(&lock);
+        spinlock_unlock(&lock);
+    }
+    calls_watch();
+    for (unsigned k = 0; k < 60; k++)
+        yield_k(k);
+    calls_stop();
+    EXPECT_EQ(calls_seen(), want);
+}
+
+TEST(spinlock, one_at_a_time)
+{
+    spinlock_t lock{0};
+    long count = 0;
+    auto work = [&] {
+        for (int i = 0; i < 50000; i++, spinlock_unlock(&lock)) {
+            if (i % 3 || !spinlock_try_lock(&lock))
+                spinlock_lock(&lock);
+            count++;
+        }
+    };
+    auto others = {std::async(std::launch::async, work), std::async(std::launch::async, work)};
+    for (auto &other : others)
+        other.wait();
+    EXPECT_EQ(count, 100000);
+}
+} // namespace
