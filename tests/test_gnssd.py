@@ -112,7 +112,7 @@ class Case(unittest.TestCase):
             text = bytes.fromhex(b"".join(text).decode())
         return text.split(b"\r\n")[:-1]
 
-    def feed(self, write, data, tap, mode="text"):
+    def feed(self, write, data, gnssd, tap, mode="text"):
         """Sends the data in parts, each with marks behind it, and goes on when the client has shown
         them: it is never so slow that it loses bytes. Returns the number of marks."""
         lines = data.splitlines(True)
@@ -123,7 +123,8 @@ class Case(unittest.TestCase):
             end = time.monotonic() + LIMIT
             due = True
             while mark not in self.shown(tap, mode):
-                self.assertLess(time.monotonic(), end, self.out(tap))
+                alive = gnssd.poll() is None and tap.poll() is None and time.monotonic() < end
+                self.assertTrue(alive, self.out(gnssd) + self.out(tap))
                 if due:
                     write((mark + b"\r\n") * 2)  # hex keeps the last fifteen bytes to itself
                     sent += 2
@@ -216,7 +217,7 @@ class Gnssd(Case):
                 tap = self.start("tap", "-w", "60000", "gnssd.sock")
                 if kind != "serial":  # its other end stays open: a hang-up is another case
                     self.until(lambda: b"starts" in self.out(gnssd), "start", gnssd)
-                marks = self.feed(lambda part: os.write(write, part), track(), tap)
+                marks = self.feed(lambda part: os.write(write, part), track(), gnssd, tap)
                 self.ends(gnssd, 0, stop=(signal.SIGTERM, signal.SIGINT)[number % 2])
                 self.ends(tap, 0)
                 self.assertEqual(self.data(tap), valid(track()))
@@ -235,7 +236,8 @@ class Gnssd(Case):
                 config = self.config(records=records)
                 gnssd = self.start("gnssd", "-c", config, "-i", "-", stdin=subprocess.PIPE)
                 tap = self.start("tap", "-m", mode, "-w", "60000", "gnssd.sock")
-                self.feed(lambda part: os.write(gnssd.stdin.fileno(), part), track(), tap, mode)
+                self.feed(lambda part: os.write(gnssd.stdin.fileno(), part), track(), gnssd, tap,
+                          mode)
                 gnssd.stdin.close()
                 self.ends(gnssd, 0)
                 self.ends(tap, 0)
