@@ -1,0 +1,55 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * bbase64: bytes to Base64 text and back, in the standard alphabet with padding (RFC 4648,
+ * section 4).
+ *
+ *     char text[4 * ((sizeof(data) + 2) / 3) + 1];
+ *     int len = bbase64_encode(data, sizeof(data), text, sizeof(text) - 1);
+ *     if (len >= 0)
+ *         text[len] = '\0';                             // the functions write no terminator
+ *
+ * Both functions work from one counted run into another of stated room.
+ *
+ * Threads: no state; any number of threads at the same time. Nothing blocks, nothing is allocated
+ * and no reference is kept: input and output belong to the caller, and must not overlap.
+ *
+ * Pointers are not checked; they may be null where their length is 0. Results are ints, so keep
+ * outputs within INT_MAX.
+ *
+ * What is lost on failure: nothing is written beyond the stated room, but what was written before
+ * the failure stays in the output.
+ */
+#ifndef KELVARA_COMMON_BBASE64_H
+#define KELVARA_COMMON_BBASE64_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* Encodes src_len bytes of src into dest, which has room for dst_len characters; it takes
+ * 4 * ((src_len + 2) / 3) of them. Returns the number of characters written, or -1 when dest is
+ * too small; the groups that did fit are then in dest. Writes no terminating zero. */
+int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t dst_len);
+
+/* Decodes src_len characters of src into dest, which has room for dst_len bytes, group by group of
+ * 4 characters. Returns the number of bytes written, or -1 at a group with a character outside the
+ * alphabet (line breaks and blanks are outside) or with '=' as its first or second character; the
+ * bytes of the groups before are then in dest. Lenient in these cases, all without an error:
+ *   - a group with '=' third or fourth gives 1 or 2 bytes and ends the text, whatever follows;
+ *   - 1 to 3 characters after the last whole group are ignored;
+ *   - bits of a padded group that reach no byte are ignored ("QR==" is "QQ==");
+ *   - where fewer than 3 bytes of room are left decoding stops, before a padded group too, so
+ *     give dest 3 bytes for every 4 characters. */
+int bbase64_decode(const char *src, size_t src_len, unsigned char *dest, size_t dst_len);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

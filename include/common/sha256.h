@@ -1,0 +1,94 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * sha256: SHA-256 and SHA-224 message digests (FIPS 180-4), 32 and 28 bytes.
+ *
+ * Over a buffer, over data that comes in pieces, or over an open stream. The smallest use:
+ *
+ *     unsigned char digest[32];
+ *     sha256_buffer(data, len, digest);
+ *
+ * and in pieces:
+ *
+ *     struct sha256_ctx ctx;
+ *     sha256_init_ctx(&ctx);
+ *     sha256_process_bytes(part, part_len, &ctx);       // as often as needed
+ *     sha256_finish_ctx(&ctx, digest);
+ *
+ * SHA-224 is the same computation from another initial state, with a shorter result: begin with
+ * sha224_init_ctx(), feed with the sha256_process_ functions, end with sha224_finish_ctx().
+ *
+ * Threads: all state is in the caller's context; different contexts may be used at the same time,
+ * one context by one thread at a time. Nothing blocks but the reads of the stream functions.
+ *
+ * Who owns what: the caller owns contexts, inputs and results; the library keeps no reference to
+ * any of them and allocates nothing. A context needs no release, but is not wiped either.
+ *
+ * Pointers are not checked. Inputs and results may stand at any address; an input at a multiple of
+ * 4 is hashed in place, at other addresses it is copied block by block first.
+ *
+ * What is lost on failure: only the stream functions can fail; what they had read of the stream is
+ * gone.
+ */
+#ifndef KELVARA_COMMON_SHA256_H
+#define KELVARA_COMMON_SHA256_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* A digest in the making, of either length. Allocated by the caller, filled by an init call. */
+struct sha256_ctx {
+    uint32_t state[8];   /* the hash value, H0 to H7 */
+    uint32_t total[2];   /* bytes processed so far, low word first; those pending not included */
+    size_t buflen;       /* bytes pending, 0 to 64: a whole block may wait */
+    uint32_t buffer[32]; /* the pending bytes, and room to pad them */
+};
+
+/* Starts a digest: the initial hash value of FIPS 180-4, 5.3.3 or 5.3.2, no bytes taken. */
+void sha256_init_ctx(struct sha256_ctx *ctx);
+void sha224_init_ctx(struct sha256_ctx *ctx);
+
+/* Runs the compression function over the len / 64 blocks at buffer and counts len bytes. For
+ * callers with whole blocks only: len must be a multiple of 64 (not checked), and no bytes may be
+ * pending from sha256_process_bytes(), which would otherwise be hashed after these. */
+void sha256_process_block(const void *buffer, size_t len, struct sha256_ctx *ctx);
+
+/* Takes len bytes, any number, and keeps what does not fill a block for the next call. */
+void sha256_process_bytes(const void *buffer, size_t len, struct sha256_ctx *ctx);
+
+/* Pads the message, hashes what is pending, writes the digest to resbuf, 32 bytes or 28, and
+ * returns resbuf. Use the one that matches the init call. The context is spent; an init call
+ * starts the next digest in it. Messages may have up to 2^61 - 1 bytes, the standard's limit. */
+void *sha256_finish_ctx(struct sha256_ctx *ctx, void *resbuf);
+void *sha224_finish_ctx(struct sha256_ctx *ctx, void *resbuf);
+
+/* Writes the hash value as it is now, the first 8 or 7 words, each with its high byte first: 32
+ * bytes or 28 to resbuf, which is returned. Does not pad and leaves the context as it is, so this
+ * is the digest only after a finish. */
+void *sha256_read_ctx(const struct sha256_ctx *ctx, void *resbuf);
+void *sha224_read_ctx(const struct sha256_ctx *ctx, void *resbuf);
+
+/* The digest of len bytes at buffer in one call: 32 bytes or 28 to resblock, which is returned. */
+void *sha256_buffer(const char *buffer, size_t len, void *resblock);
+void *sha224_buffer(const char *buffer, size_t len, void *resblock);
+
+/* The digest of all that can still be read from stream, from its position to its end. Returns 0
+ * with 32 bytes or 28 in resblock, or 1 on a read error, with resblock untouched. An error counts
+ * only when a read delivers nothing; after a short read the next one is tried. The stream is
+ * neither rewound nor closed. Uses 4.5 KiB of the caller's stack. */
+int sha256_stream(FILE *stream, void *resblock);
+int sha224_stream(FILE *stream, void *resblock);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
