@@ -53,9 +53,13 @@ mkdir -p "$root/build"
 # What runs a program of the armhf preset; filled by need_armhf.
 arm_runner=()
 
-# The cross compiler, the emulator and the armhf libraries. Status 77: they cannot be had.
+# The cross compiler, the emulator and the armhf libraries. Status 77, and a line that says why:
+# they cannot be had. Callers look at the status, so errors are passed on by hand here.
 need_armhf() {
-  need_packages "${build_packages[@]}" g++-arm-linux-gnueabihf qemu-user googletest
+  (need_packages "${build_packages[@]}" g++-arm-linux-gnueabihf qemu-user googletest) || {
+    echo "armhf: SKIPPED, the cross compiler or the emulator cannot be installed" >&2
+    return 77
+  }
   "$root/scripts/arm_sysroot" || return $?
-  arm_runner=(qemu-arm -L "${KELVARA_ARMHF_SYSROOT:-$root/build/armhf-sysroot}")
+  arm_runner=(qemu-arm -cpu cortex-a9 -L "${KELVARA_ARMHF_SYSROOT:-$root/build/armhf-sysroot}")
 }

@@ -137,7 +137,7 @@ WATCH(int, close, (int a), (a))
 WRAP(int, unlink, (const char *a), (a), -1)
 WRAP(int, kill, (pid_t a, int b), (a, b), -1)
 WRAP(int, sigprocmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c), -1)
-WRAP(int, pthread_sigmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c), err)
+WATCH(int, pthread_sigmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c))
 WATCH(sighandler_t, signal, (int a, sighandler_t b), (a, b))
 WRAP(int, execl, (const char *a, const char *b, const char *c, const char *d, void *e),
      (a, b, c, d, e), -1)

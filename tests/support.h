@@ -49,15 +49,39 @@ inline std::string output_of(const std::function<void()> &body)
     return testing::internal::GetCapturedStdout();
 }
 
+inline void nap(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+inline long ms_since(std::chrono::steady_clock::time_point start)
+{
+    const std::chrono::duration<double, std::milli> passed =
+        std::chrono::steady_clock::now() - start;
+    return static_cast<long>(passed.count());
+}
+
 inline bool wait_until(const std::function<bool()> &done, int ms = 10000)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
+    for (const auto start = std::chrono::steady_clock::now(); !done(); nap(1))
+        if (ms_since(start) > ms)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return true;
+}
+
+// `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".
+inline std::string tagged(const std::string &said)
+{
+    std::string out;
+    for (size_t at = 0, end = 0; at < said.size(); at = end + 2) {
+        end = said.find("] ", at);
+        if (end == std::string::npos)
+            return out + said.substr(at);
+        const size_t from = said.rfind('[', end), name = said.rfind(' ', end - 6) + 1;
+        out += said.substr(at, from - at) + said.substr(from + 1, 3) + " " +
+               said.substr(name, end - 5 - name) + ": ";
+    }
+    return out;
 }
 
 inline size_t count_of(const std::string &text, const std::string &part)
@@ -86,7 +110,7 @@ inline size_t open_descriptors()
 inline size_t threads_at_rest()
 {
     std::thread([] {}).join();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    nap(20);
     return entries_of("/proc/self/task");
 }
 // A joined thread leaves the list a moment after the join.

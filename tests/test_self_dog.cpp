@@ -14,30 +14,38 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 namespace
 {
-const char gicWait[] = "Wait _feddog_func_pth() pthread stop------\n";
-const char gicStopped[] = "_feddog_func_pth() pthread already stop------\n";
+const std::string gicStop = "OFF self_dog: Wait _feddog_func_pth() pthread stop------\n"
+                            "OFF self_dog: _feddog_func_pth() pthread already stop------\n";
+tTempDir gDir;
 
-tFeddogCfg dog_cfg(const std::string &path, uint32_t usec, const char *name = "gnssd")
+tFeddogCfg dog_cfg(uint32_t usec, const char *name = "gnssd")
 {
     tFeddogCfg cfg = {0, usec, "", ""};
     snprintf(cfg.feddogNme, sizeof cfg.feddogNme, "%s", name);
-    path.copy(cfg.txFeddogHtDmNme, sizeof cfg.txFeddogHtDmNme - 1);
+    (gDir / "w").copy(cfg.txFeddogHtDmNme, sizeof cfg.txFeddogHtDmNme - 1);
     return cfg;
 }
 
-// `said` with the headers of its log lines replaced by their tags.
-std::string tagged(const std::string &said)
+// What is said while a client of `cfg` runs and `body` plays the watchdog, on its connection.
+std::string fed(tFeddogCfg cfg, const std::function<void(int)> &body)
 {
-    std::string out;
-    for (size_t at = 0, head = 0; at < said.size(); at = head + 2) {
-        head = said.find("] ", at);
-        if (head == std::string::npos)
-            return out + said.substr(at);
-        const size_t from = said.rfind('[', head);
-        out += said.substr(at, from - at) + said.substr(from + 1, 3) + ":";
-        EXPECT_EQ(" self_dog ", said.substr(head - 14, 10));
-    }
-    return out;
+    unlink(cfg.txFeddogHtDmNme);
+    const int dog = unix_listen(cfg.txFeddogHtDmNme);
+    const std::string said = tagged(output_of([&] {
+        EXPECT_EQ(0, self_feddog_init(&cfg));
+        const int fd = accept(dog, nullptr, nullptr);
+        body(fd);
+        EXPECT_EQ(0, self_feddog_exit());
+        calls_stop();
+        close(fd);
+    }));
+    close(dog);
+    return said;
+}
+
+bool is_call(const tCall &call, const std::string &name)
+{
+    return name == call.name;
 }
 } // namespace
 
@@ -57,27 +65,25 @@ TEST(SelfDog, LoadsItsRecord)
          0xffffffffU, 4, "kept", "kept too"},
         {"dog: { feddogNme = \"" + name + "\"; txFeddogHtDmNme = \"" + path + "\"; };", 3, 4,
          name.substr(0, 62), path.substr(0, 254)},
+        {"cat: { };", 3, 4, "kept", "kept too"},
     };
     for (const auto &row : table) {
         tConfig config(row.text);
         tFeddogCfg cfg = {3, 4, "kept", "kept too"};
-        EXPECT_EQ(0, load_feeddog_cfg(&cfg, "dog", &config.cfg));
+        const bool there = row.text[0] == 'd';
+        EXPECT_EQ(there ? "" : "ERR self_dog: config_lookup(\"dog\") err!!!!\n",
+                  tagged(output_of([&] {
+                      EXPECT_EQ(there ? 0 : -15, load_feeddog_cfg(&cfg, "dog", &config.cfg));
+                  })));
         EXPECT_EQ(row.sec, cfg.feddogSec);
         EXPECT_EQ(row.usec, cfg.feddogUSec);
         EXPECT_EQ(row.name, cfg.feddogNme);
         EXPECT_EQ(row.path, cfg.txFeddogHtDmNme);
     }
-    tConfig config("dog: { };");
-    tFeddogCfg cfg = {};
-    EXPECT_EQ("ERR:config_lookup(\"cat\") err!!!!\n", tagged(output_of([&] {
-                  EXPECT_EQ(-15, load_feeddog_cfg(&cfg, "cat", &config.cfg));
-              })));
 }
 
 TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
     const std::string longest(63, 'x');
     const struct {
         const char *name;
@@ -89,129 +95,88 @@ TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
     };
     const size_t tasks = threads_at_rest(), fds = open_descriptors();
     for (const auto &row : table) {
-        tFeddogCfg cfg = dog_cfg(dir / "w", 150000, row.name);
-        const std::string said = output_of([&] {
-            const auto start = std::chrono::steady_clock::now();
-            ASSERT_EQ(0, self_feddog_init(&cfg));
-            const int fd = accept(dog, nullptr, nullptr);
-            EXPECT_EQ(3, send(fd, "abc", 3, 0)); // read and thrown away
-            for (int beat = 1; beat <= 3; ++beat) {
-                EXPECT_EQ(row.bytes, read_bytes(fd, row.bytes.size()));
-                EXPECT_GE(std::chrono::steady_clock::now() - start,
-                          beat * std::chrono::milliseconds(145));
-            }
-            EXPECT_EQ(0, self_feddog_exit());
-            EXPECT_EQ("", read_bytes(fd, 1));
-            close(fd);
-            EXPECT_EQ(0, self_feddog_exit());
-        });
-        EXPECT_EQ(std::string("OFF:") + gicWait + "OFF:" + gicStopped, tagged(said));
+        const auto start = std::chrono::steady_clock::now();
+        int ours = -1;
+        EXPECT_EQ(gicStop, fed(dog_cfg(150000, row.name), [&](int fd) {
+                      EXPECT_EQ(3, send(fd, "abc", 3, 0)); // read and thrown away
+                      for (int beat = 1; beat <= 3; ++beat) {
+                          EXPECT_EQ(row.bytes, read_bytes(fd, row.bytes.size()));
+                          EXPECT_GE(ms_since(start), beat * 149);
+                      }
+                      ours = dup(fd);
+                  }));
+        EXPECT_EQ("", read_bytes(ours, 1));
+        close(ours);
+        EXPECT_EQ("", output_of([] { EXPECT_EQ(0, self_feddog_exit()); }));
     }
     EXPECT_TRUE(threads_settle_at(tasks));
     EXPECT_EQ(fds, open_descriptors());
-    close(dog);
 }
 
 // Microseconds beyond a second count as such, and the longest period does not wrap into a flood.
 TEST(SelfDog, PeriodsOfAnySize)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
     const struct {
         uint32_t sec, usec;
         bool beats; // within 1.6 s
     } table[] = {
         {0, 0, true}, {0, 1200000, true}, {2, 0, false}, {0xffffffffU, 0xffffffffU, false}};
-    output_of([&] {
-        for (const auto &row : table) {
-            tFeddogCfg cfg = dog_cfg(dir / "w", row.usec);
-            cfg.feddogSec = row.sec;
-            ASSERT_EQ(0, self_feddog_init(&cfg));
-            const int fd = accept(dog, nullptr, nullptr);
+    for (const auto &row : table) {
+        tFeddogCfg cfg = dog_cfg(row.usec);
+        cfg.feddogSec = row.sec;
+        fed(cfg, [&](int fd) {
             timeval wait = {1, 600000};
             setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
             char beat[10];
             EXPECT_EQ(row.beats ? 10 : -1, recv(fd, beat, sizeof beat, 0)) << row.usec;
-            self_feddog_exit();
-            close(fd);
-        }
-    });
-    close(dog);
+        });
+    }
 }
 
 // One-shot and re-armed: after a late firing the next one is a whole period away.
 TEST(SelfDog, LateHeartbeatsAreNotMadeUp)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
-    tFeddogCfg cfg = dog_cfg(dir / "w", 100000);
-    output_of([&] {
-        calls_watch([&](const tCall &call) {
-            if (call.name == std::string("write") && call.nth == 1)
-                std::this_thread::sleep_for(std::chrono::milliseconds(450));
-            return 0;
-        });
-        ASSERT_EQ(0, self_feddog_init(&cfg));
-        const int fd = accept(dog, nullptr, nullptr);
+    calls_watch([&](const tCall &call) {
+        nap(is_call(call, "write") && call.nth == 1 ? 450 : 0);
+        return 0;
+    });
+    fed(dog_cfg(100000), [](int fd) {
         EXPECT_EQ(10U, read_bytes(fd, 10).size());
         const auto late = std::chrono::steady_clock::now();
         EXPECT_EQ(10U, read_bytes(fd, 10).size());
-        EXPECT_GE(std::chrono::steady_clock::now() - late, std::chrono::milliseconds(90));
-        self_feddog_exit();
-        calls_stop();
-        close(fd);
+        EXPECT_GE(ms_since(late), 90);
     });
-    close(dog);
 }
 
-TEST(SelfDog, GoneWatchdogIsNoticedOnceAndNeverSignalled)
+TEST(SelfDog, GoneWatchdogIsNoticedOnce)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
-    for (const bool unnoticed : {false, true}) {
-        std::atomic<bool> hold{unnoticed};
-        tFeddogCfg cfg = dog_cfg(dir / "w", 20000);
-        const std::string said = output_of([&] {
-            calls_watch([&](const tCall &call) {
-                if (call.name == std::string("read"))
-                    wait_until([&] { return !hold; }, 100); // a heartbeat is due before the read
-                return call.name == std::string("read") && unnoticed ? EIO : 0;
-            });
-            ASSERT_EQ(0, self_feddog_init(&cfg));
-            int fd = accept(dog, nullptr, nullptr);
-            EXPECT_EQ(10U, read_bytes(fd, 10).size());
-            if (unnoticed)
-                send(fd, "x", 1, 0);
-            close(fd);
-            ASSERT_TRUE(wait_until([] { return calls_count("read") > 0; }));
-            const unsigned beats = calls_count("write");
-            EXPECT_TRUE(wait_until([&] { return calls_count("write") > beats + 5; }));
-            self_feddog_exit();
-            calls_stop();
-        });
-        EXPECT_EQ(std::string(unnoticed ? "ERR:read() err, msg:Input/output error!!!!\n"
-                                        : "OFF:Server close------\n") +
-                      "OFF:" + gicWait + "OFF:" + gicStopped,
-                  tagged(said));
+    for (const bool failing : {false, true}) {
+        calls_watch([=](const tCall &call) { return is_call(call, "read") && failing ? EIO : 0; });
+        EXPECT_EQ((failing ? "ERR self_dog: read() err, msg:Input/output error!!!!\n"
+                           : "OFF self_dog: Server close------\n") +
+                      gicStop,
+                  fed(dog_cfg(20000), [&](int fd) {
+                      EXPECT_EQ(10U, read_bytes(fd, 10).size());
+                      send(fd, "x", failing ? 1 : 0, 0);
+                      shutdown(fd, SHUT_RDWR);
+                      ASSERT_TRUE(wait_until([] { return calls_count("read") > 0; }));
+                      const unsigned beats = calls_count("write"); // they go on into the void
+                      EXPECT_TRUE(wait_until([&] { return calls_count("write") > beats + 5; }));
+                  }));
     }
-    close(dog);
 }
 
-// On a host's own base the write to a closed peer comes before anybody can read the end.
+// The peer closes right before a heartbeat is written, and nobody has read the end yet. On a host's
+// own base, which is left alone.
 TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
-    tFeddogCfg cfg = dog_cfg(dir / "w", 0);
+    tFeddogCfg cfg = dog_cfg(0);
+    const int dog = unix_listen(cfg.txFeddogHtDmNme);
     std::thread([&] {
         event_base *base = event_base_new();
         ASSERT_EQ(0, _feed_dog_init(base, &cfg));
         const int fd = accept(dog, nullptr, nullptr);
-        calls_watch([&](const tCall &call) {
-            if (call.name == std::string("write"))
-                close(fd);
-            return 0;
-        });
+        calls_watch([&](const tCall &call) { return is_call(call, "write") ? close(fd) : 0; });
         for (int i = 0; i < 100 && calls_count("write") == 0; ++i)
             event_base_loop(base, EVLOOP_ONCE);
         EXPECT_EQ(1U, calls_count("write"));
@@ -224,70 +189,21 @@ TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
     close(dog);
 }
 
-TEST(SelfDog, SetUpFailuresShowInTheLogAndTheNextStartWorks)
+TEST(SelfDog, PathLengthsUpTo107)
 {
-    tTempDir dir;
-    const int dog = unix_listen(dir / "w");
-    const std::string init = "ERR:_feed_dog_init() err!!!!\n",
-                      conn = "ERR:_unix_socket_connect() err!!!!\n" + init;
-    const struct {
-        const char *call;
-        int err;
-        unsigned nth;
-        std::string said;
-    } table[] = {
-        {"event_base_new", 1, 1, "ERR:event_base_new() err!!!!\n"},
-        {"socket", ENFILE, 1, "ERR:socket() err, msg:Too many open files in system!!!!\n" + conn},
-        {"connect", EAGAIN, 1,
-         "ERR:connect() err, msg:Resource temporarily unavailable!!!!!!" + conn},
-        {"event_new", 1, 1, "ERR:event_new() err!!!!\n" + init},
-        {"event_new", 1, 2, "ERR:evtimer_new() err!!!!\n" + init},
-        {"event_new", 1, 3, "ERR:event_new() err!!!!\n"},
-        {"event_base_dispatch", 1, 1, ""},
-    };
-    tFeddogCfg cfg = dog_cfg(dir / "w", 20000);
-    const std::string stop = std::string("OFF:") + gicWait + "OFF:" + gicStopped;
-    const size_t tasks = threads_at_rest(), fds = open_descriptors();
-    for (const auto &row : table) {
-        const std::string said = output_of([&] {
-            calls_watch(calls_fail(row.call, row.nth, row.err));
-            EXPECT_EQ(0, self_feddog_init(&cfg));
-            EXPECT_TRUE(wait_until([] { return calls_count("pthread_exit") == 1; })) << row.call;
-            calls_stop();
-            EXPECT_EQ(0, self_feddog_exit());
-        });
-        EXPECT_EQ(row.said + stop, tagged(said)) << row.call;
-        EXPECT_TRUE(threads_settle_at(tasks));
-        EXPECT_EQ(fds, open_descriptors()) << row.call;
-    }
-    EXPECT_EQ("ERR:pthread_create() err, msg:Resource temporarily unavailable\n",
-              tagged(output_of([&] {
-                  calls_watch(calls_fail("pthread_create", 1, EAGAIN));
-                  EXPECT_EQ(-11, self_feddog_init(&cfg));
-                  calls_stop();
-                  self_feddog_exit();
-              })));
-    EXPECT_EQ("ERR:aipArg err!!!!\n" + stop, tagged(output_of([&] {
-                  EXPECT_EQ(0, self_feddog_init(nullptr));
-                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                  self_feddog_exit();
-              })));
-    EXPECT_EQ(fds, open_descriptors());
-    close(dog);
-    unlink((dir / "w").c_str());
-    const int longDog = unix_listen(dir / std::string(107 - dir.path.size() - 1, 'n'));
     event_base *base = event_base_new();
+    const int dog = unix_listen(gDir / std::string(107 - gDir.path.size() - 1, 'n'));
     for (size_t len : {107U, 108U, 250U}) {
-        tFeddogCfg longCfg = dog_cfg(dir / std::string(len - dir.path.size() - 1, 'n'), 1);
+        tFeddogCfg cfg = dog_cfg(1);
+        (gDir / std::string(len - gDir.path.size() - 1, 'n')).copy(cfg.txFeddogHtDmNme, len);
         EXPECT_EQ(len == 107 ? ""
-                             : "ERR:connect() err, msg:File name too long!!!!!!"
-                               "ERR:_unix_socket_connect() err!!!!\n",
+                             : "ERR self_dog: connect() err, msg:File name too long!!!!!!"
+                               "ERR self_dog: _unix_socket_connect() err!!!!\n",
                   tagged(output_of([&] {
-                      EXPECT_EQ(len == 107 ? 0 : -4098, _feed_dog_init(base, &longCfg));
+                      EXPECT_EQ(len == 107 ? 0 : -4098, _feed_dog_init(base, &cfg));
                       self_feddog_exit();
                   })));
     }
     event_base_free(base);
-    close(longDog);
-    EXPECT_EQ(fds - 1, open_descriptors());
+    close(dog);
 }

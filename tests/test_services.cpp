@@ -44,9 +44,7 @@ void timed_exit(int (*exitCall)())
 {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, exitCall());
-    gExitMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                  std::chrono::steady_clock::now() - start)
-                  .count();
+    gExitMs = ms_since(start);
 }
 
 // --- scenarios: each a whole life, which tells whether all of it worked -----------------------
@@ -202,17 +200,12 @@ struct tScenario {
     bool (*run)();
 };
 
-// What a failed call must say, where it must say anything.
+// What a failed call must say on its way through a whole life.
 const std::map<std::string, std::string> gicSaid = {
-    {"socket", "socket() err, msg"},     {"bind", "bind() err, msg="},
-    {"listen", "listen() err, msg="},    {"accept", "accept() err, msg="},
-    {"connect", "connect() err, msg:"},  {"read", "ead() err, msg:"},
-    {"event_new", "_new() err!!!!\n"},   {"event_base_new", "event_base_new() err!!!!\n"},
-    {"pipe", "pipe() err, msg:"},        {"fopen", "fopen() err!!!!\n"},
-    {"select", "select()=-1, msg:"},     {"pthread_create", "pthread_create() err, msg:"},
-    {"eventfd", "pthread_create() err"}, {"calloc", "alloc() err!!!!\n"},
-    {"getrlimit", "getrlimit() err"},    {"setrlimit", "setrlimit() err"},
-    {"getifaddrs", "getifaddrs error"},
+    {"accept", "accept() err, msg="},  {"read", "read() err, msg:"},
+    {"event_new", "_new() err!!!!\n"}, {"pipe", "pipe() err, msg:"},
+    {"fopen", "fopen() err!!!!\n"},    {"select", "select()=-1, msg:"},
+    {"getrlimit", "getrlimit() err"},  {"calloc", "alloc() err!!!!\n"},
 };
 
 struct tRest { // nothing more than this may be there after a run
@@ -354,6 +347,97 @@ INSTANTIATE_TEST_SUITE_P(
                      testing::Bool()),
     [](const auto &one) { return std::to_string(one.index); });
 
+// What fails while a service is set up shows in the log only, exactly so; it is given back, the
+// thread reaped once, and the next start works.
+TEST(SetUp, FailuresShowInTheLogAlone)
+{
+    static tDmnServCfg serv;
+    static tFeddogCfg dogCfg = {0, 1000, "setup", ""};
+    snprintf(serv.dmNme, sizeof serv.dmNme, "%s/s", gDir.path.c_str());
+    snprintf(dogCfg.txFeddogHtDmNme, sizeof dogCfg.txFeddogHtDmNme, "%s/d", gDir.path.c_str());
+    const int dog = unix_listen(gDir / "d");
+    const struct tService {
+        std::function<int(bool)> init; // with a configuration, or without
+        int (*exit)();
+        std::string tag, stop;
+    } serving = {[](bool with) { return dmn_server_init(with ? &serv : nullptr); }, dmn_server_exit,
+                 "ERR dmn_serv: ", "_dmn_server_func_pth()"},
+      feeding = {[](bool with) { return self_feddog_init(with ? &dogCfg : nullptr); },
+                 self_feddog_exit, "ERR self_dog: ", "_feddog_func_pth()"};
+    const std::string servInit = "_dmn_server_init() err!!!!\n",
+                      dogInit = "_feed_dog_init() err!!!!\n",
+                      conn = "_unix_socket_connect() err!!!!\n";
+    const struct {
+        const tService &service;
+        const char *call;
+        unsigned nth;
+        int err;
+        std::vector<std::string> said;
+    } table[] = {
+        {serving, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
+        {serving, "socket", 1, EMFILE, {"socket() err, msg=Too many open files!!!!!!\n", servInit}},
+        {serving, "bind", 1, EACCES, {"bind() err, msg=Permission denied!!!!!!\n", servInit}},
+        {serving,
+         "listen",
+         1,
+         EPERM,
+         {"listen() err, msg=Operation not permitted!!!!!!\n", servInit}},
+        {serving, "event_new", 1, 1, {"event_new() err!!!!\n", servInit}},
+        {serving, "event_new", 2, 1, {"event_new() err!!!!\n"}},
+        {serving, "event_add", 2, 1, {"event_new() err!!!!\n"}},
+        {serving, "event_base_dispatch", 1, 1, {}},
+        {serving, "no call", 1, 1, {"aipArg err!!!!\n"}},
+        {serving,
+         "pthread_create",
+         1,
+         EPERM,
+         {"pthread_create() err, msg:Operation not permitted\n"}},
+        {serving, "eventfd", 1, EMFILE, {"pthread_create() err, msg:Too many open files\n"}},
+        {feeding, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
+        {feeding,
+         "socket",
+         1,
+         EMFILE,
+         {"socket() err, msg:Too many open files!!!!\n", conn, dogInit}},
+        {feeding,
+         "connect",
+         1,
+         EPERM,
+         {"connect() err, msg:Operation not permitted!!!!!!", conn, dogInit}},
+        {feeding, "event_new", 1, 1, {"event_new() err!!!!\n", dogInit}},
+        {feeding, "event_new", 2, 1, {"evtimer_new() err!!!!\n", dogInit}},
+        {feeding, "event_new", 3, 1, {"event_new() err!!!!\n"}},
+        {feeding, "no call", 1, 1, {"aipArg err!!!!\n"}},
+        {feeding,
+         "pthread_create",
+         1,
+         EPERM,
+         {"pthread_create() err, msg:Operation not permitted\n"}},
+    };
+    const tRest rest;
+    for (const auto &row : table) {
+        const bool starts = row.said.empty() || row.said[0].find("pthread") != 0;
+        std::string wanted;
+        for (const auto &line : row.said)
+            wanted += row.service.tag + line;
+        if (starts)
+            wanted += "OFF" + row.service.tag.substr(3) + "Wait " + row.service.stop +
+                      " pthread stop------\nOFF" + row.service.tag.substr(3) + row.service.stop +
+                      " pthread already stop------\n";
+        EXPECT_EQ(wanted, tagged(output_of([&] {
+                      calls_watch(calls_fail(row.call, row.nth, row.err));
+                      EXPECT_EQ(starts ? 0 : -11, row.service.init(row.call[0] != 'n'));
+                      EXPECT_TRUE(!starts || wait_until([] {
+                          return calls_count("pthread_exit") == 1;
+                      })) << row.call;
+                      calls_stop();
+                      timed_exit(row.service.exit);
+                  })));
+        rest.check(row.call);
+    }
+    close(dog);
+}
+
 // Everything together, started and stopped over and over: log service in both modes with files that
 // rotate, server with clients that come and go, watchdog, senders, loggers, threshold changes.
 TEST(Storm, StartsAndStopsOfEverything)
@@ -431,9 +515,7 @@ TEST(Storm, StartsAndStopsOfEverything)
         dmn_server_exit();
         std::lock_guard<std::shared_mutex> hold(logging);
         log_system_exit();
-        longest = std::max<long>(longest, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                              std::chrono::steady_clock::now() - start)
-                                              .count());
+        longest = std::max(longest, ms_since(start));
         if (++rounds == 2) {
             fds = open_descriptors();
             tasks = entries_of("/proc/self/task");
