@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+// The digest of a stream, here of a temporary file, and of a buffer.
+#include <common/self_log.h>
+#include <common/sha256.h>
+
+#include <cstdio>
+#include <cstring>
+
+eLogLevl gLogLevl = LOG_LEV_ERROR;
+
+int main()
+{
+    unsigned char ofStream[32];
+    unsigned char ofBuffer[32];
+    FILE *file = std::tmpfile();
+    if (file == nullptr || std::fputs("abc", file) < 0)
+        return 1;
+    std::rewind(file);
+    if (sha256_stream(file, ofStream) != 0)
+        return 1;
+    std::fclose(file);
+    sha256_buffer("abc", 3, ofBuffer);
+    for (const unsigned char byte : ofStream)
+        std::printf("%02x", byte);
+    std::printf("\n");
+    return std::memcmp(ofStream, ofBuffer, sizeof(ofBuffer));
+}

@@ -1,0 +1,120 @@
+#!/bin/bash
+# SPDX-License-Identifier: MIT
+# test_install.sh prefix|packages SOURCE BUILD COMPILER_C COMPILER_CXX [TOOLCHAIN_FILE]: hosts outside
+# the tree find what was installed to a prefix, or unpacked from the packages: by pkg-config, by
+# CMake and by plain options. The hosts are the documentation's examples; each must run and print
+# what its page shows. Programs run under $KELVARA_RUN, if that is set. Status 77: a tool is missing.
+set -euo pipefail
+what=$1 source=$2 build=$3 cc=$4 cxx=$5 toolchain=${6:-}
+read -ra run <<<"${KELVARA_RUN:-}"
+
+tools=(pkg-config cmake "$cc" "$cxx")
+[[ $what == packages ]] && tools+=(cpack dpkg-deb dpkg-shlibdeps lintian gzip)
+for tool in "${tools[@]}"; do
+  command -v "$tool" >/dev/null || { echo "skipped: no $tool"; exit 77; }
+done
+
+work=$(mktemp -d)
+minimal_pid=
+clean_up() {
+  [[ -z $minimal_pid ]] || kill "$minimal_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap clean_up EXIT
+die() { echo "FAILED: $*"; exit 1; }
+# In C the compiler warns of LOG_LEV_OFF, a constant 0, being compared with a threshold.
+strict=(-Wall -Wextra -Wpedantic -Wconversion -Wno-type-limits -Werror)
+# Where libevent and libconfig stand for a cross compiler, as the toolchain file has it.
+cross_flags=() cross_cmake=() pc_path='' arch=native
+if [[ -n $toolchain ]]; then
+  arch=armhf
+  sysroot=${KELVARA_ARMHF_SYSROOT:-$source/build/armhf-sysroot}
+  triplet=arm-linux-gnueabihf
+  cross_flags=(-isystem "$sysroot/usr/include/$triplet" -isystem "$sysroot/usr/include"
+    -L"$sysroot/usr/lib/$triplet")
+  cross_cmake=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+  pc_path=:$sysroot/usr/lib/$triplet/pkgconfig
+fi
+
+# What differs from run to run, or with each change of a source of the library.
+steady() {
+  sed -E 's/:[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{8} /:hh:mm:ss.uuuuuuuu /
+    s/ (dmn_serv|self_dog|self_log|xfuncs) [0-9]{4}\]/ \1 NNNN]/; s/^(giLogPpFdAry=).*/\1R W/'
+}
+
+check_example() { # check_example PROGRAM: it ends with 0 and prints what the documentation shows
+  local name folder
+  name=$(basename "$1")
+  folder=$work/run/$name
+  mkdir -p "$folder"
+  (cd "$folder" && timeout 60 "${run[@]}" "$1" </dev/null) >"$folder.out" 2>"$folder.err" \
+    || die "$1 ended with $?: $(tail -n 5 "$folder.out" "$folder.err")"
+  diff <(steady <"$folder.out") "$source/docs/examples/$name.out" || die "$1 prints something else"
+  rm -rf "$folder"
+}
+
+check_minimal() { # check_minimal PROGRAM TAP: serves, and stops on SIGTERM
+  rm -f "$work/ticks"
+  timeout 60 "${run[@]}" "$1" "$work/minimal.sock" >"$work/minimal.log" &
+  minimal_pid=$!
+  (timeout 20 "${run[@]}" "$2" -w 10000 "$work/minimal.sock" >"$work/ticks" 2>/dev/null) &
+  local tap_pid=$! i
+  for ((i = 0; i < 200; i++)); do
+    [[ ! -s $work/ticks ]] || break
+    sleep 0.05
+  done
+  kill "$minimal_pid"
+  wait "$minimal_pid" || die "$1 ended with $?"
+  minimal_pid=
+  wait "$tap_pid" || die "tap ended with $?"
+  [[ $(head -n 1 "$work/ticks") == tick ]] || die "$1 sends no ticks"
+}
+
+check_hosts() { # check_hosts PREFIX LIBDIR
+  local lib=$1/$2 pc_flags example name compile
+  rm -rf "$work/pc" "$work/cmake"
+  mkdir -p "$work/pc"
+  diff -r "$source/include/common" "$1/include/kelvara/common" || die "headers"
+  [[ $(readlink "$lib/libkelvara.so") == libkelvara.so.1 && -e $lib/libkelvara.so ]] || die "links"
+
+  read -ra pc_flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig$pc_path${pc_path:-:$(pkg-config \
+    --variable pc_path pkg-config)} pkg-config --cflags --libs kelvara)"
+  for example in "$source"/docs/examples/*.c "$source"/docs/examples/*.cpp "$source/examples/minimal.c"; do
+    name=$(basename "${example%.*}")
+    compile=("$cc" -std=gnu11)
+    [[ $example != *.cpp ]] || compile=("$cxx" -std=gnu++17)
+    "${compile[@]}" "${strict[@]}" "$example" -o "$work/pc/$name" "${pc_flags[@]}" \
+      "${cross_flags[@]}" -Wl,-rpath,"$lib" || die "$name by pkg-config"
+    [[ $name == minimal ]] || check_example "$work/pc/$name"
+  done
+  check_minimal "$work/pc/minimal" "$1/bin/tap"
+  "$cc" -I"$1/include/kelvara" "$source/examples/minimal.c" -o "$work/pc/plain" -L"$lib" \
+    -lkelvara -levent_core -lconfig -pthread "${cross_flags[@]}" || die "minimal by plain options"
+
+  { cmake -S "$source/tests/outside" -B "$work/cmake" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" -Dkelvara_DIR="$lib/cmake/kelvara" \
+    -DEXAMPLES="$source/docs/examples" -DMINIMAL="$source/examples/minimal.c" \
+    && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
+    || { tail -n 30 "$work/log"; die "CMake"; }
+  for example in "$source"/docs/examples/*.out; do
+    check_example "$work/cmake/$(basename "${example%.out}")"
+  done
+  check_minimal "$work/cmake/minimal" "$1/bin/tap"
+}
+
+if [[ $what == prefix ]]; then
+  cmake --install "$build" --prefix "$work/prefix" >"$work/log" || die "$(cat "$work/log")"
+  check_hosts "$work/prefix" "$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")"
+else
+  "$source/scripts/package" "$arch" "$build/package" || die "scripts/package"
+  for package in "$build"/package/*.deb; do
+    dpkg-deb -x "$package" "$work/unpacked"
+  done
+  lib=("$work"/unpacked/usr/lib/*/libkelvara.so.1.0.0)
+  newest=$(readelf -V "${lib[0]}" "$work"/unpacked/usr/bin/* | grep -o 'GLIBC_2\.[0-9]*' | sort -V | tail -n 1)
+  dpkg --compare-versions "${newest#GLIBC_}" le 2.34 || die "libc6 (>= 2.34) is not enough: $newest"
+  libdir=$(dirname "${lib[0]}")
+  export LD_LIBRARY_PATH=$libdir # what is unpacked and not installed, the loader does not know
+  check_hosts "$work/unpacked/usr" "${libdir#"$work/unpacked/usr/"}"
+fi
+echo "passed"
