@@ -27,7 +27,7 @@ int main()
         return 1;
     const int daemon = accept(fd, nullptr, nullptr);
     for (int i = 0; i < 3; i++) {
-        alignas(tWthdogFed) char bytes[sizeof(tWthdogFed) + 255];
+        alignas(tWthdogFed) char bytes[sizeof(tWthdogFed) + 255] = {};
         const auto *beat = reinterpret_cast<const tWthdogFed *>(bytes);
         // A real watchdog expects pieces; locally one write of ten bytes arrives as one.
         if (read(daemon, bytes, sizeof(tWthdogFed) + 5) != 10)
