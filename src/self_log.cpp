@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/time.h>
@@ -73,8 +74,20 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
                     static_cast<int>(random() % 100000)) >= 0;
 }
 
+// Takes what the host has closed of the standard descriptors. A file or a pipe of ours must not get
+// such a number: it would get what is printed on the console, the pipe its own lines for ever.
+static void _take_standard_fds()
+{
+    int fd = STDIN_FILENO;
+    while (fd != -1 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR);
+    if (fd != -1)
+        (void)close(fd);
+}
+
 static bool _open_log_file(const char *aicpcNme)
 {
+    _take_standard_fds();
     printf("New save log path=%s\n", aicpcNme);
     FILE *pFp = fopen(aicpcNme, "w+");
     _poke(&gipLogFp, pFp);
@@ -194,6 +207,7 @@ static void _drain_log_pipe()
 static int _open_log_pipe()
 {
     int fds[2];
+    _take_standard_fds();
     if (pipe(fds) == -1)
         return -1;
     if (fds[0] >= FD_SETSIZE) { // select() could not wait for it
