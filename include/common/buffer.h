@@ -52,6 +52,7 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
+/* Unsigned integers by their width, as the functions below name them. */
 typedef uint8_t uint8;
 typedef uint16_t uint16;
 typedef uint32_t uint32;

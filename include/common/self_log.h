@@ -70,6 +70,7 @@ typedef enum _eLogFileMod_ KELVARA_ENUM32 {
     LOG_FILE_MAX = 2,
 } eLogFileMod;
 
+/* Whether an output is used. */
 typedef enum _eLogSwitch_ KELVARA_ENUM32 {
     LOG_SWITCH_OFF = 0, /* also any value beyond the next */
     LOG_SWITCH_ON = 1,
