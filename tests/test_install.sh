@@ -15,9 +15,12 @@ for tool in "${tools[@]}"; do
 done
 
 work=$(mktemp -d)
-minimal_pid=
+minimal_pid='' watchdog_pid=''
 clean_up() {
-  [[ -z $minimal_pid ]] || kill "$minimal_pid" 2>/dev/null || true
+  local pid
+  for pid in $minimal_pid $watchdog_pid; do
+    kill "$pid" 2>/dev/null || true
+  done
   rm -rf "$work"
 }
 trap clean_up EXIT
@@ -38,18 +41,33 @@ fi
 
 # What differs from run to run, or with each change of a source of the library.
 steady() {
-  sed -E 's/:[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{8} /:hh:mm:ss.uuuuuuuu /
+  sed -E 's/:[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{8} /:hh:mm:ss.uuuuuuuu /g
     s/ (dmn_serv|self_dog|self_log|xfuncs) [0-9]{4}\]/ \1 NNNN]/; s/^(giLogPpFdAry=).*/\1R W/'
 }
 
-check_example() { # check_example PROGRAM: it ends with 0 and prints what the documentation shows
-  local name folder
+check_example() { # check_example PROGRAM BIN: it ends with 0 and prints what the documentation shows
+  local name folder i
   name=$(basename "$1")
   folder=$work/run/$name
   mkdir -p "$folder"
+  if [[ -e $source/docs/examples/$name.conf ]]; then
+    cp "$source/docs/examples/$name.conf" "$folder"
+    (cd "$folder" && exec timeout 60 "${run[@]}" "$2/watchdogd" watchdog.sock) >"$folder.dog" &
+    watchdog_pid=$!
+    for ((i = 0; i < 200; i++)); do
+      [[ ! -S $folder/watchdog.sock ]] || break
+      sleep 0.05
+    done
+  fi
   (cd "$folder" && timeout 60 "${run[@]}" "$1" </dev/null) >"$folder.out" 2>"$folder.err" \
     || die "$1 ended with $?: $(tail -n 5 "$folder.out" "$folder.err")"
   diff <(steady <"$folder.out") "$source/docs/examples/$name.out" || die "$1 prints something else"
+  if [[ -n $watchdog_pid ]]; then
+    kill "$watchdog_pid"
+    wait "$watchdog_pid" || die "watchdogd ended with $?"
+    watchdog_pid=
+    (($(grep -c "$name .* heartbeat " "$folder.dog") >= 3)) || die "no heartbeats of $name"
+  fi
   rm -rf "$folder"
 }
 
@@ -85,7 +103,7 @@ check_hosts() { # check_hosts PREFIX LIBDIR
     [[ $example != *.cpp ]] || compile=("$cxx" -std=gnu++17)
     "${compile[@]}" "${strict[@]}" "$example" -o "$work/pc/$name" "${pc_flags[@]}" \
       "${cross_flags[@]}" -Wl,-rpath,"$lib" || die "$name by pkg-config"
-    [[ $name == minimal ]] || check_example "$work/pc/$name"
+    [[ $name == minimal ]] || check_example "$work/pc/$name" "$1/bin"
   done
   check_minimal "$work/pc/minimal" "$1/bin/tap"
   "$cc" -I"$1/include/kelvara" "$source/examples/minimal.c" -o "$work/pc/plain" -L"$lib" \
@@ -97,7 +115,7 @@ check_hosts() { # check_hosts PREFIX LIBDIR
     && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
     || { tail -n 30 "$work/log"; die "CMake"; }
   for example in "$source"/docs/examples/*.out; do
-    check_example "$work/cmake/$(basename "${example%.out}")"
+    check_example "$work/cmake/$(basename "${example%.out}")" "$1/bin"
   done
   check_minimal "$work/cmake/minimal" "$1/bin/tap"
 }
