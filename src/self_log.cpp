@@ -262,6 +262,49 @@ static int _start_log_file()
     return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
 }
 
+// --- the line's header --------------------------------------------------------------------------
+//
+// "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", put together by hand: expanding that format costs as much
+// as the rest of the line's way into the pipe.
+
+static void _put_digits(char *aopTo, size_t aicCount, long aiValue)
+{
+    for (size_t i = aicCount; i-- > 0; aiValue /= 10)
+        aopTo[i] = static_cast<char>('0' + aiValue % 10);
+}
+
+// Appends as much as there is room for; returns the new length.
+static size_t _put_text(char (&aoLine)[gicLnBytes], size_t aicUsed, const char *aipcText,
+                        size_t aicLen)
+{
+    const size_t left = gicLnBytes - 2 - aicUsed;
+    const size_t take = aicLen < left ? aicLen : left;
+    memcpy(aoLine + aicUsed, aipcText, take);
+    return aicUsed + take;
+}
+
+static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const tm &aicLocal,
+                        long aicUsec, const char *aipcFlNme, int aicLnNum)
+{
+    constexpr size_t field = 15;
+    constexpr size_t name = sizeof "[TAG:hh:mm:ss.00uuuuuu " - 1;
+    memcpy(aoLine, "[TAG:hh:mm:ss.00uuuuuu                ", name + field);
+    memcpy(aoLine + 1, aipcTag, 3);
+    _put_digits(aoLine + 5, 2, aicLocal.tm_hour);
+    _put_digits(aoLine + 8, 2, aicLocal.tm_min);
+    _put_digits(aoLine + 11, 2, aicLocal.tm_sec);
+    _put_digits(aoLine + 16, 6, aicUsec);
+
+    const size_t len = strlen(aipcFlNme);
+    const size_t used = _put_text(aoLine, name + (len < field ? field - len : 0), aipcFlNme, len);
+    char tail[16] = " 0000] ";
+    if (aicLnNum >= 0 && aicLnNum <= 9999)
+        _put_digits(tail + 1, 4, aicLnNum);
+    else
+        (void)snprintf(tail, sizeof tail, " %04d] ", aicLnNum);
+    return _put_text(aoLine, used, tail, strlen(tail));
+}
+
 // --- exported ---------------------------------------------------------------------------------
 
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
@@ -276,12 +319,7 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     (void)localtime_r(&sec, &local);
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
 
-    const int head = snprintf(line, room, "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", gicLogStrAry[tag],
-                              local.tm_hour, local.tm_min, local.tm_sec,
-                              static_cast<long>(now.tv_usec), aipcFlNme, aicLnNum);
-    size_t used = head > 0 ? static_cast<size_t>(head) : 0;
-    if (used >= room)
-        used = room - 1;
+    const size_t used = _put_head(line, gicLogStrAry[tag], local, now.tv_usec, aipcFlNme, aicLnNum);
 
     // What does not fit is cut; a format that cannot be expanded leaves the header alone.
     if (aicLogLvl == LOG_LEV_TRACE)

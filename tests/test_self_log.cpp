@@ -71,9 +71,9 @@ TEST(Log, LineHasTagTimeFileLineAndBody)
         {2, "twenty_characters_xx", 12345, "[RUN:* twenty_characters_xx 12345] 7 bottles\n"},
         {3, "a", 0, "[WAN:*               a 0000] 7 bottles\n"},
         {4, "a", 1, "[TAE:*               a 0001] func() start\n"},
-        {5, "a", 1, "[IFO:*               a 0001] 7 bottles\n"},
-        {6, "a", 1, "[LUD:*               a 0001] 7 bottles\n"},
-        {4000000000U, "a", 1, "[LUD:*               a 0001] 7 bottles\n"},
+        {5, "a", 9999, "[IFO:*               a 9999] 7 bottles\n"},
+        {6, "a", 10000, "[LUD:*               a 10000] 7 bottles\n"},
+        {4000000000U, "a", -7, "[LUD:*               a -007] 7 bottles\n"},
     };
     setenv("TZ", "XYZ-5:30", 1);
     tzset();
