@@ -189,7 +189,7 @@ void Cipher()
     tColumns s;
     state_t bytes;
 
-    _load_columns(s, (*state)[0]);
+    _load_columns(s, reinterpret_cast<const uint8_t *>(state));
     AddRoundKey(s, 0);
     for (size_t round = 1; round < gicRounds; round++) {
         SubBytes(bytes, s);
@@ -200,7 +200,7 @@ void Cipher()
     SubBytes(bytes, s);
     ShiftRows(s, bytes);
     AddRoundKey(s, gicRounds);
-    _store_columns((*state)[0], s);
+    _store_columns(reinterpret_cast<uint8_t *>(state), s);
 }
 
 void InvCipher()
@@ -208,7 +208,7 @@ void InvCipher()
     tColumns s;
     state_t bytes;
 
-    _load_columns(s, (*state)[0]);
+    _load_columns(s, reinterpret_cast<const uint8_t *>(state));
     AddRoundKey(s, gicRounds);
     for (size_t round = gicRounds - 1; round > 0; round--) {
         InvShiftRows(bytes, s);
@@ -219,7 +219,7 @@ void InvCipher()
     InvShiftRows(bytes, s);
     InvSubBytes(s, bytes);
     AddRoundKey(s, 0);
-    _store_columns((*state)[0], s);
+    _store_columns(reinterpret_cast<uint8_t *>(state), s);
 }
 
 void _set_key(const uint8_t *aipcKey)

@@ -236,6 +236,7 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
 
 int dmn_server_exit(void)
 {
+    const int was = thread_defer_cancel(); // a stop is done whole, and leaves no lock behind
     if (giDmnServPthdId != 0) {
         LOG_MSG(LOG_LEV_OFF, "Wait _dmn_server_func_pth() pthread stop------\n");
         service_stop(&giServ, giDmnServPthdId);
@@ -243,5 +244,6 @@ int dmn_server_exit(void)
         giDmnServPthdId = 0;
     }
     _dmn_server_release();
+    thread_restore_cancel(was);
     return 0;
 }

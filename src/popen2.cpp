@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <common/popen2.h>
 #include <common/self_log.h>
+
+#include "thread_internal.h"
 #include <csignal>
 #include <cstdlib>
 #include <unistd.h>
@@ -68,15 +70,17 @@ FILE *popen2(char *program, char *type)
     const int own = ends[reads ? 0 : 1];
     const int theirs = ends[reads ? 1 : 0];
 
+    // A child of vfork() shares our memory: a cancel that struck there would unwind the host's
+    // stack.
+    const int was = thread_defer_cancel();
     const pid_t pid = _start_shell(program, own, theirs, reads ? STDOUT_FILENO : STDIN_FILENO);
     FILE *stream = pid < 0 ? nullptr : fdopen(own, type);
     close(theirs);
-    if (!stream) {
+    if (!stream)
         close(own);
-        return nullptr;
-    }
-    if (int *slot = _slot(stream))
+    else if (int *slot = _slot(stream))
         *slot = pid;
+    thread_restore_cancel(was);
     return stream;
 }
 
@@ -87,7 +91,8 @@ int pclose2(FILE *iop)
     int *slot = _slot(iop);
     if (!slot || *slot == 0)
         return -1;
-    fclose(iop); // what the command did not take is lost with it
+    const int was = thread_defer_cancel(); // or a cancelled close would leave the slot behind
+    fclose(iop);                           // what the command did not take is lost with it
 
     sigset_t held;
     sigset_t before;
@@ -99,5 +104,6 @@ int pclose2(FILE *iop)
     const int sent = kill(*slot + 1, SIGTERM);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     *slot = 0;
+    thread_restore_cancel(was);
     return sent == 0 ? 0 : -1;
 }

@@ -179,6 +179,7 @@ int self_feddog_init(tFeddogCfg *const aipcFeddogCfg)
 
 int self_feddog_exit(void)
 {
+    const int was = thread_defer_cancel(); // a stop is done whole
     if (giFeddogPthdId != 0) {
         LOG_MSG(LOG_LEV_OFF, "Wait _feddog_func_pth() pthread stop------\n");
         service_stop(&giServ, giFeddogPthdId);
@@ -186,5 +187,6 @@ int self_feddog_exit(void)
         giFeddogPthdId = 0;
     }
     _feddog_release();
+    thread_restore_cancel(was);
     return 0;
 }

@@ -74,22 +74,36 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
                     static_cast<int>(random() % 100000)) >= 0;
 }
 
-// Takes what the host has closed of the standard descriptors. A file or a pipe of ours must not get
-// such a number: it would get what is printed on the console, the pipe its own lines for ever.
-static void _take_standard_fds()
+// A host may have closed a standard descriptor. What got its number is moved away from it: it would
+// get what is printed on the console, and the pipe its own lines for ever. -1 when that fails.
+static int _above_console(int aicFd)
 {
-    int fd = STDIN_FILENO;
-    while (fd != -1 && fd <= STDERR_FILENO)
-        fd = open("/dev/null", O_RDWR);
-    if (fd != -1)
+    if (aicFd > STDERR_FILENO)
+        return aicFd;
+    const int fd = fcntl(aicFd, F_DUPFD, STDERR_FILENO + 1);
+    const int err = errno;
+    (void)close(aicFd);
+    errno = err;
+    return fd;
+}
+
+static FILE *_fopen_above_console(const char *aicpcNme)
+{
+    FILE *pFp = fopen(aicpcNme, "w+");
+    if (pFp == nullptr || fileno(pFp) > STDERR_FILENO)
+        return pFp;
+    const int fd = fcntl(fileno(pFp), F_DUPFD, STDERR_FILENO + 1);
+    (void)fclose(pFp); // nothing was written yet
+    pFp = fd == -1 ? nullptr : fdopen(fd, "w+");
+    if (pFp == nullptr && fd != -1)
         (void)close(fd);
+    return pFp;
 }
 
 static bool _open_log_file(const char *aicpcNme)
 {
-    _take_standard_fds();
     printf("New save log path=%s\n", aicpcNme);
-    FILE *pFp = fopen(aicpcNme, "w+");
+    FILE *pFp = _fopen_above_console(aicpcNme);
     _poke(&gipLogFp, pFp);
     if (pFp == nullptr) {
         puts("fopen() err!!!!");
@@ -131,7 +145,7 @@ static void _process_log_msg(const char *aipcMsg)
     pthread_mutex_lock(&giSvLogLk);
     _log_file_rotate();
     if (gipLogFp != nullptr) {
-        // A full disk loses the line, and the next one is tried again.
+        // A full disk is tried again with the next line.
         (void)fwrite(aipcMsg, 1, strlen(aipcMsg), gipLogFp);
         (void)fflush(gipLogFp);
         giLogWriteCnt = static_cast<int>(static_cast<uint32_t>(giLogWriteCnt) + 1);
@@ -207,12 +221,14 @@ static void _drain_log_pipe()
 static int _open_log_pipe()
 {
     int fds[2];
-    _take_standard_fds();
     if (pipe(fds) == -1)
         return -1;
-    if (fds[0] >= FD_SETSIZE) { // select() could not wait for it
-        (void)close(fds[0]);
-        (void)close(fds[1]);
+    fds[0] = _above_console(fds[0]);
+    fds[1] = _above_console(fds[1]);
+    if (fds[0] == -1 || fds[1] == -1 || fds[0] >= FD_SETSIZE) { // select() could not wait for it
+        for (int fd : fds)
+            if (fd != -1)
+                (void)close(fd);
         errno = EMFILE;
         return -1;
     }
@@ -230,6 +246,7 @@ static void _close_log_pipe_end(int *aiopFd)
 
 static int _start_log_thread()
 {
+    thread_load_unwinder();
     // Set here and not on the thread, which might do so after an exit call has cleared it.
     _poke(&gibWlRunFlg, true);
     pthread_t id = 0;
@@ -260,6 +277,36 @@ static int _start_log_file()
         return -ERR_LOG_PARM_CONT;
     }
     return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
+}
+
+static void _stop_log_thread()
+{
+    if (giLogPthdId == 0)
+        return;
+    puts("Wait _rx_log_func_pth() pthread stop------");
+    _poke(&gibWlRunFlg, false);
+    (void)pthread_cancel(giLogPthdId); // a thread that has ended is joined all the same
+    (void)pthread_join(giLogPthdId, nullptr);
+    puts("_rx_log_func_pth() pthread already stop------");
+    giLogPthdId = 0;
+    _drain_log_pipe();
+}
+
+static void _release_log()
+{
+    if (giLogCfg.fileLogSwt == LOG_SWITCH_ON) {
+        pthread_mutex_lock(&giSvLogLk);
+        if (gipLogFp != nullptr)
+            (void)fclose(gipLogFp); // flushed at every write
+        _poke(&gipLogFp, static_cast<FILE *>(nullptr));
+        pthread_mutex_unlock(&giSvLogLk);
+    }
+    // Left fresh rather than destroyed, so that neither a late line nor a second exit meets a dead
+    // lock.
+    pthread_mutex_destroy(&giSvLogLk);
+    pthread_mutex_init(&giSvLogLk, nullptr);
+    _close_log_pipe_end(&giLogPpFdAry[0]);
+    _close_log_pipe_end(&giLogPpFdAry[1]);
 }
 
 // --- the line's header --------------------------------------------------------------------------
@@ -310,6 +357,7 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
              const int aicLnNum, const char *format, ...)
 {
+    const int err = errno; // hosts log first and look at it afterwards
     char line[gicLnBytes] = {};
     constexpr size_t room = gicLnBytes - 1;
     timeval now = {};
@@ -331,6 +379,7 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
         va_end(args);
     }
     _deliver(line);
+    errno = err;
 }
 
 void logger(int, pid_t, const char *aipcMsg)
@@ -394,29 +443,10 @@ int log_system_init(const tLogCfg *aipcLogCfg)
 
 int log_system_exit(void)
 {
-    if (giLogPthdId != 0) {
-        puts("Wait _rx_log_func_pth() pthread stop------");
-        _poke(&gibWlRunFlg, false);
-        (void)pthread_cancel(giLogPthdId); // a thread that has ended is joined all the same
-        (void)pthread_join(giLogPthdId, nullptr);
-        puts("_rx_log_func_pth() pthread already stop------");
-        giLogPthdId = 0;
-        _drain_log_pipe();
-    }
-    if (gipLogCfg == nullptr)
-        return LOG_SUCCESS;
-    if (giLogCfg.fileLogSwt == LOG_SWITCH_ON) {
-        pthread_mutex_lock(&giSvLogLk);
-        if (gipLogFp != nullptr)
-            (void)fclose(gipLogFp); // flushed at every write
-        _poke(&gipLogFp, static_cast<FILE *>(nullptr));
-        pthread_mutex_unlock(&giSvLogLk);
-    }
-    // Left fresh rather than destroyed, so that neither a late line nor a second exit meets a dead
-    // lock.
-    pthread_mutex_destroy(&giSvLogLk);
-    pthread_mutex_init(&giSvLogLk, nullptr);
-    _close_log_pipe_end(&giLogPpFdAry[0]);
-    _close_log_pipe_end(&giLogPpFdAry[1]);
+    const int was = thread_defer_cancel(); // a stop is done whole
+    _stop_log_thread();
+    if (gipLogCfg != nullptr)
+        _release_log();
+    thread_restore_cancel(was);
     return LOG_SUCCESS;
 }

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "service_internal.h"
 
+#include "thread_internal.h"
+
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <event2/event.h>
 #include <fcntl.h>
@@ -19,6 +20,7 @@ static void _service_wake_cb(int, short, void *aipArg)
 
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
 {
+    thread_load_unwinder();
     *aopServ = {eventfd(0, EFD_CLOEXEC), nullptr, false};
     if (aopServ->WakeFd == -1)
         return errno;
@@ -37,10 +39,8 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
 {
     (void)pthread_cancel(aiPthdId); // a thread that ended by itself is joined all the same
-    // An eventfd takes this at the first try, or after an interrupted one.
-    const uint64_t one = 1;
-    while (write(aiopServ->WakeFd, &one, sizeof one) == -1 && errno != EBADF)
-        ;
+    while (eventfd_write(aiopServ->WakeFd, 1) == -1 && errno == EINTR)
+        ; // nothing else keeps an eventfd from taking a 1
     (void)pthread_join(aiPthdId, nullptr);
     (void)close(aiopServ->WakeFd);
     aiopServ->WakeFd = -1;

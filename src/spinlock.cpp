@@ -5,11 +5,10 @@ static_assert(sizeof(spinlock_t) == sizeof(int), "the lock is one word");
 
 namespace
 {
-// What the processor leaves to be done for a full barrier beside the accesses below. The exchange
-// of x86 is one itself, and its stores are never seen ahead of what stands before them, so there
-// only the compiler must be held back; an instruction would double the cost of a free lock.
-// Elsewhere the older builtin: gcc has no fence that it accepts under the thread sanitizer.
-inline void _full_barrier()
+// The full barrier behind the exchange. On x86 that is one itself, and only the compiler must be
+// held back. Elsewhere the older builtin: gcc has no fence that it accepts under the thread
+// sanitizer.
+inline void _barrier_behind_exchange()
 {
 #if defined __x86_64__ || defined __i386__
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
@@ -21,7 +20,7 @@ inline void _full_barrier()
 inline int _try_lock(spinlock_t *spin)
 {
     int was = __atomic_exchange_n(&spin->v_, 1, __ATOMIC_ACQUIRE);
-    _full_barrier();
+    _barrier_behind_exchange();
     return was == 0;
 }
 } // namespace
@@ -44,6 +43,6 @@ void spinlock_lock(spinlock_t *spin)
 
 void spinlock_unlock(spinlock_t *spin)
 {
-    _full_barrier();
+    __sync_synchronize();
     __atomic_store_n(&spin->v_, 0, __ATOMIC_RELEASE);
 }

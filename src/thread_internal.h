@@ -8,6 +8,7 @@
 // of ours.
 #pragma once
 
+#include <execinfo.h>
 #include <pthread.h>
 
 // First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
@@ -17,6 +18,14 @@ inline void thread_hold_cancel()
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+}
+
+// glibc loads the unwinder when a thread is first cancelled or exits, and aborts the process when
+// it cannot, for want of a descriptor, say. So it is loaded when a thread of ours starts.
+inline void thread_load_unwinder()
+{
+    void *pFrame = nullptr;
+    (void)backtrace(&pFrame, 1);
 }
 
 // Keeps a cancel out of a section that holds a lock, on any thread; what it gives goes to

@@ -25,8 +25,7 @@ clean_up() {
 }
 trap clean_up EXIT
 die() { echo "FAILED: $*"; exit 1; }
-# In C the compiler warns of LOG_LEV_OFF, a constant 0, being compared with a threshold.
-strict=(-Wall -Wextra -Wpedantic -Wconversion -Wno-type-limits -Werror)
+strict=(-Wall -Wextra -Wpedantic -Wconversion -Werror)
 # Where libevent and libconfig stand for a cross compiler, as the toolchain file has it.
 cross_flags=() cross_cmake=() pc_path='' arch=native
 if [[ -n $toolchain ]]; then

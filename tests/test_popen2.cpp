@@ -103,8 +103,9 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
         gKillErr = err;
         calls_watch();
         EXPECT_EQ(pclose2(stream), err ? -1 : 0);
-        EXPECT_EQ(calls_seen(), (std::vector<std::string>{"fclose", "sigprocmask", "kill",
-                                                          "pthread_sigmask", "sigprocmask"}));
+        EXPECT_EQ(calls_seen(), (std::vector<std::string>{
+                                    "pthread_setcancelstate", "fclose", "sigprocmask", "kill",
+                                    "pthread_sigmask", "sigprocmask", "pthread_setcancelstate"}));
         EXPECT_EQ(gSent, std::to_string(shell + 1) + " gets 15 holding 1 2 3");
         EXPECT_EQ(_held(), " holding 1");
         FILE *other = fopen("/dev/null", "w"); // on the same descriptor: its slot is clear

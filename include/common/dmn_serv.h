@@ -24,6 +24,12 @@
  * What is lost: a client that does not read loses what its socket buffer cannot take, possibly a
  * part of a message, without notice to anybody; the other clients are not touched by it.
  *
+ * When the process has no descriptor left for another client, each try to admit it is logged, and
+ * the log fills quickly: raise the limit first (system_set_rlimit() in common/xfuncs.h).
+ *
+ * A child made by fork() has no server: it must not call dmn_server_exit(), which would wake its
+ * parent's. Keep descriptors 0 to 2 open, so that no client gets the console's number.
+ *
  * The whole process ignores SIGPIPE from the first start of the server on. The socket file stays
  * behind at exit; the next start replaces it. The server's descriptors are inherited by programs
  * that the host starts with exec, as no close-on-exec flag is set on them.
@@ -113,10 +119,11 @@ int dmn_server_init(tDmnServCfg *const aipcDmnServCfg);
 
 /* Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
  * accept event on aipEtBse. The server thread calls it; a host may, on an event base of its own
- * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit(),
- * which leaves that base alone. Returns 0, -4096 (no socket), -4100 (bind; also a path of more than
- * 107 characters, reported as ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged. What
- * was made before a failure stays until dmn_server_exit(). */
+ * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit() while
+ * the base exists and nobody dispatches it; the base stays the host's. Returns 0, -4096 (no
+ * socket), -4100 (bind; also a path of more than 107 characters, reported as ENAMETOOLONG), -4097
+ * (listen) or -13 (no event), each logged. What was made before a failure stays until
+ * dmn_server_exit(). */
 int _dmn_server_init(struct event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg);
 
 /* Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with

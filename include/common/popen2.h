@@ -33,8 +33,9 @@
  * a "w" stream goes into the pipe; without a reader that raises SIGPIPE.
  *
  * What the command inherits: every open descriptor of the host that is not close-on-exec, with the
- * pipe ends of streams made earlier. A "w" command therefore sees no end of file while a later
- * command still runs.
+ * pipe ends of streams made earlier, the calling thread's signal mask and the host's ignored
+ * signals: SIGPIPE, once the server of common/dmn_serv.h has run. A "w" command therefore sees no
+ * end of file while a later command still runs.
  */
 #ifndef KELVARA_COMMON_POPEN2_H
 #define KELVARA_COMMON_POPEN2_H

@@ -20,7 +20,11 @@
  *
  * What is lost: connecting is tried once, with no retry. When the watchdog closes its end that is
  * logged once, and the heartbeats that follow reach nobody: start the client again. Heartbeats
- * never raise SIGPIPE: the signal is blocked for the thread that runs _feed_dog_init().
+ * never raise SIGPIPE: the signal is blocked, and stays so, for the thread that runs
+ * _feed_dog_init(), normally the client's own.
+ *
+ * A child made by fork() has no client: it must not call self_feddog_exit(), which would wake its
+ * parent's.
  *
  * The library leaves linking libevent to the host (event_core is enough).
  */
@@ -114,7 +118,8 @@ int self_feddog_init(tFeddogCfg *const aipcFeddogCfg);
 
 /* Connects to the watchdog and arms the read event and the heartbeat timer on aipEtBse. The client
  * thread calls it; a host may, on an event base of its own that the same thread dispatches, and
- * ends it with self_feddog_exit(), which leaves that base alone. Returns 0, -4096 (no socket),
+ * ends it with self_feddog_exit() while the base exists and nobody dispatches it; the base stays
+ * the host's. Returns 0, -4096 (no socket),
  * -4098 (connect; also a path of more than 107 characters, reported as ENAMETOOLONG) or -13 (an
  * event), each logged. What was made before a failure stays until self_feddog_exit(). */
 int _feed_dog_init(struct event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg);

@@ -23,7 +23,12 @@
  * is full.
  *
  * What is lost: a crash loses the write in progress, and with the writer thread also what still
- * stands in the pipe. log_system_exit() delivers everything that was logged before it.
+ * stands in the pipe. log_system_exit() delivers everything that the pipe took before it; a line is
+ * lost when a signal interrupts its caller's wait for a full pipe.
+ *
+ * errno is left as it was by log_msg() and LOG_MSG. A child made by fork() must not log with the
+ * writer thread, which it does not have, nor call log_system_exit(); start the service after
+ * becoming a daemon. The console's descriptors 0 to 2 stay the host's, open or not.
  */
 #ifndef KELVARA_COMMON_SELF_LOG_H
 #define KELVARA_COMMON_SELF_LOG_H
@@ -111,8 +116,10 @@ extern eLogLevl gLogLevl;
  * The file name shown is the last component of the path that the compiler was given. */
 #define LOG_MSG(aicLev, ...)                                                                       \
     do {                                                                                           \
-        if ((aicLev) <= gicDbLev && (aicLev) <= __atomic_load_n(&gLogLevl, __ATOMIC_RELAXED))      \
-            log_msg((aicLev), __builtin_strrchr("/" __FILE__, '/') + 1, __func__, __LINE__,        \
+        const eLogLevl kelvara_lev_ = (aicLev);                                                    \
+        if (kelvara_lev_ <= gicDbLev &&                                                            \
+            kelvara_lev_ <= __atomic_load_n(&gLogLevl, __ATOMIC_RELAXED))                          \
+            log_msg(kelvara_lev_, __builtin_strrchr("/" __FILE__, '/') + 1, __func__, __LINE__,    \
                     __VA_ARGS__);                                                                  \
     } while (0)
 
