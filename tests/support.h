@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <libconfig.h>
+#include <random>
 #include <string>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -47,6 +49,25 @@ inline std::string output_of(const std::function<void()> &body)
     body();
     fflush(stdout);
     return testing::internal::GetCapturedStdout();
+}
+
+// Bytes of chance, the same in each run.
+inline std::string noise(size_t len, unsigned seed = 1)
+{
+    std::mt19937 random(seed);
+    std::string bytes(len, '\0');
+    for (char &c : bytes)
+        c = static_cast<char>(random());
+    return bytes;
+}
+
+// The end of a page of storage: one byte further is a crash.
+inline char *wall()
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *at = mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_EQ(mprotect(at, page, PROT_READ | PROT_WRITE), 0);
+    return static_cast<char *>(at) + page;
 }
 
 inline void nap(int ms)
