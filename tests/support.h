@@ -140,20 +140,6 @@ inline bool threads_settle_at(size_t wanted)
     return wait_until([=] { return entries_of("/proc/self/task") == wanted; });
 }
 
-// A parsed configuration text.
-struct tConfig {
-    config_t cfg;
-    explicit tConfig(const std::string &text)
-    {
-        config_init(&cfg);
-        EXPECT_EQ(CONFIG_TRUE, config_read_string(&cfg, text.c_str())) << text;
-    }
-    ~tConfig()
-    {
-        config_destroy(&cfg);
-    }
-};
-
 inline sockaddr_un unix_name(const std::string &path)
 {
     sockaddr_un addr = {};

@@ -77,29 +77,6 @@ tCallRule holding(const std::string &name, const std::atomic<bool> &hold)
 }
 } // namespace
 
-TEST(DmnServ, LoadsItsPath)
-{
-    const struct {
-        std::string text, path;
-    } table[] = {
-        {"a: { serv: { dmNme = \"/run/x\"; }; };", "/run/x"},
-        {"a: { serv: { }; };", "kept"},
-        {"a: { serv: { dmNme = 7; }; };", "kept"},
-        {"a: { serv: { dmNme = \"" + std::string(300, 'p') + "\"; }; };", std::string(254, 'p')},
-        {"a: { };", "kept"},
-    };
-    for (const auto &row : table) {
-        tConfig config(row.text);
-        tDmnServCfg cfg = {"kept"};
-        const bool there = row.text != "a: { };";
-        EXPECT_EQ(there ? "" : "ERR dmn_serv: config_lookup(\"a.serv\") err!!!!\n",
-                  tagged(output_of([&] {
-                      EXPECT_EQ(there ? 0 : -15, load_dmn_serv_cfg(&cfg, "a.serv", &config.cfg));
-                  })));
-        EXPECT_EQ(row.path, cfg.dmNme);
-    }
-}
-
 TEST(DmnServ, BroadcastsToAllOldestFirst)
 {
     std::ofstream(gPath) << "left over by an earlier run";
@@ -226,24 +203,6 @@ TEST(DmnServ, AdmissionFailuresCloseTheConnection)
                       close(first);
                       close(fd);
                   }));
-}
-
-TEST(DmnServ, PathLengthsUpTo107)
-{
-    event_base *base = event_base_new();
-    for (size_t len : {106U, 107U, 108U, 109U, 254U}) {
-        const std::string path = gDir / std::string(len - gDir.path.size() - 1, 'n');
-        if (len > 107)
-            std::ofstream(path) << "stays";
-        tDmnServCfg cfg = serv_cfg(path);
-        EXPECT_EQ(len > 107 ? "ERR dmn_serv: bind() err, msg=File name too long!!!!!!\n" : "",
-                  tagged(output_of([&] {
-                      EXPECT_EQ(len > 107 ? -4100 : 0, _dmn_server_init(base, &cfg));
-                      EXPECT_EQ(0, dmn_server_exit());
-                  })));
-        EXPECT_EQ(0, access(path.c_str(), F_OK)) << len;
-    }
-    event_base_free(base);
 }
 
 TEST(DmnServ, ServesOnAHostsOwnBase)

@@ -49,39 +49,6 @@ bool is_call(const tCall &call, const std::string &name)
 }
 } // namespace
 
-TEST(SelfDog, LoadsItsRecord)
-{
-    const std::string name(70, 'n'), path(300, 'p');
-    const struct {
-        std::string text;
-        uint32_t sec, usec;
-        std::string name, path;
-    } table[] = {
-        {"dog: { };", 3, 4, "kept", "kept too"},
-        {"dog: { feddogSec = 2; feddogUSec = 500000; feddogNme = \"gnssd\"; txFeddogHtDmNme = "
-         "\"/run/w\"; };",
-         2, 500000, "gnssd", "/run/w"},
-        {"dog: { feddogSec = -1; feddogUSec = \"x\"; feddogNme = 3; txFeddogHtDmNme = 4; };",
-         0xffffffffU, 4, "kept", "kept too"},
-        {"dog: { feddogNme = \"" + name + "\"; txFeddogHtDmNme = \"" + path + "\"; };", 3, 4,
-         name.substr(0, 62), path.substr(0, 254)},
-        {"cat: { };", 3, 4, "kept", "kept too"},
-    };
-    for (const auto &row : table) {
-        tConfig config(row.text);
-        tFeddogCfg cfg = {3, 4, "kept", "kept too"};
-        const bool there = row.text[0] == 'd';
-        EXPECT_EQ(there ? "" : "ERR self_dog: config_lookup(\"dog\") err!!!!\n",
-                  tagged(output_of([&] {
-                      EXPECT_EQ(there ? 0 : -15, load_feeddog_cfg(&cfg, "dog", &config.cfg));
-                  })));
-        EXPECT_EQ(row.sec, cfg.feddogSec);
-        EXPECT_EQ(row.usec, cfg.feddogUSec);
-        EXPECT_EQ(row.name, cfg.feddogNme);
-        EXPECT_EQ(row.path, cfg.txFeddogHtDmNme);
-    }
-}
-
 TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
 {
     const std::string longest(63, 'x');
@@ -186,24 +153,5 @@ TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
         event_base_free(base);
     }).join();
     EXPECT_EQ(SIG_DFL, signal(SIGPIPE, SIG_DFL));
-    close(dog);
-}
-
-TEST(SelfDog, PathLengthsUpTo107)
-{
-    event_base *base = event_base_new();
-    const int dog = unix_listen(gDir / std::string(107 - gDir.path.size() - 1, 'n'));
-    for (size_t len : {107U, 108U, 250U}) {
-        tFeddogCfg cfg = dog_cfg(1);
-        (gDir / std::string(len - gDir.path.size() - 1, 'n')).copy(cfg.txFeddogHtDmNme, len);
-        EXPECT_EQ(len == 107 ? ""
-                             : "ERR self_dog: connect() err, msg:File name too long!!!!!!"
-                               "ERR self_dog: _unix_socket_connect() err!!!!\n",
-                  tagged(output_of([&] {
-                      EXPECT_EQ(len == 107 ? 0 : -4098, _feed_dog_init(base, &cfg));
-                      self_feddog_exit();
-                  })));
-    }
-    event_base_free(base);
     close(dog);
 }

@@ -138,34 +138,6 @@ TEST(Log, ThresholdChange)
     EXPECT_EQ("abc%s\n", output_of([] { logger(99, -1, "abc%s\n"); }));
 }
 
-TEST(LogCfg, LoadsWhatIsThere)
-{
-    const std::string longPath(300, 'p');
-    const struct {
-        std::string text, wanted;
-    } table[] = {
-        {"log: {};", "2 2 77 2 2 kept"},
-        {"log: { logRunMd = 1; fileMod = 5; logSaveMaxCnt = -1; stdoutLogSwt = 1; fileLogSwt = 0;"
-         " saveLogPath = \"/a\"; };",
-         "1 5 4294967295 1 0 /a"},
-        {"log: { logRunMd = \"1\"; fileMod = \"x\"; saveLogPath = 3; };", "2 2 77 2 2 kept"},
-        {"log: { saveLogPath = \"" + longPath + "\"; };", "2 2 77 2 2 " + longPath.substr(0, 254)},
-        {"other: { fileMod = 1; };", "2 2 77 2 2 kept"},
-    };
-    for (const auto &row : table) {
-        tConfig config(row.text);
-        tLogCfg cfg = {LOG_RUN_MAX, LOG_FILE_MAX, 77, LOG_SWITCH_MAX, LOG_SWITCH_MAX, "kept"};
-        const bool there = row.text[0] == 'l';
-        EXPECT_EQ(there ? "" : "ERR self_log: config_lookup(log) err!!!!\n", tagged(output_of([&] {
-                      EXPECT_EQ(there ? 0 : -5, load_log_cfg(&cfg, "log", &config.cfg));
-                  })));
-        char got[400];
-        snprintf(got, sizeof got, "%u %u %u %u %u %s", cfg.logRunMd, cfg.fileMod, cfg.logSaveMaxCnt,
-                 cfg.stdoutLogSwt, cfg.fileLogSwt, cfg.saveLogPath);
-        EXPECT_EQ(row.wanted, got);
-    }
-}
-
 TEST(LogInit, SaysWhatItStartsAndStops)
 {
     tLogCfg quiet = log_cfg(LOG_RUN_MAX, LOG_SWITCH_MAX), bad = file_cfg(gDir / "b", 1);

@@ -438,6 +438,33 @@ TEST(SetUp, FailuresShowInTheLogAlone)
     close(dog);
 }
 
+// Socket paths of up to 107 characters work; longer ones are refused, and left alone.
+TEST(SetUp, PathLengths)
+{
+    event_base *base = event_base_new();
+    for (const size_t len : {106U, 107U, 108U, 109U, 250U}) {
+        const std::string path = gDir / std::string(len - gDir.path.size() - 1, 'n');
+        const bool fits = len <= 107;
+        if (!fits)
+            std::ofstream(path) << "stays";
+        tDmnServCfg serv = {};
+        tFeddogCfg dogCfg = {1, 0, "path", ""};
+        path.copy(serv.dmNme, len);
+        path.copy(dogCfg.txFeddogHtDmNme, len);
+        EXPECT_EQ(fits ? ""
+                       : "ERR dmn_serv: bind() err, msg=File name too long!!!!!!\n"
+                         "ERR self_dog: connect() err, msg:File name too long!!!!!!"
+                         "ERR self_dog: _unix_socket_connect() err!!!!\n",
+                  tagged(output_of([&] {
+                      EXPECT_EQ(fits ? 0 : -4100, _dmn_server_init(base, &serv));
+                      EXPECT_EQ(fits ? 0 : -4098, _feed_dog_init(base, &dogCfg));
+                      EXPECT_EQ(0, self_feddog_exit() + dmn_server_exit());
+                  })));
+        EXPECT_EQ(0, access(path.c_str(), F_OK)) << len;
+    }
+    event_base_free(base);
+}
+
 // A cancel that is pending on a host's thread takes effect behind the library's calls, not in the
 // middle of a stop, a held lock, or a child that shares the host's memory.
 TEST(Cancelled, HostThreadsFinishTheirCalls)
