@@ -49,8 +49,8 @@ check_example() { # check_example PROGRAM BIN: it ends with 0 and prints what th
   name=$(basename "$1")
   folder=$work/run/$name
   mkdir -p "$folder"
-  if [[ -e $source/docs/examples/$name.conf ]]; then
-    cp "$source/docs/examples/$name.conf" "$folder"
+  if [[ -e $source/examples/modules/$name.conf ]]; then
+    cp "$source/examples/modules/$name.conf" "$folder"
     (cd "$folder" && exec timeout 60 "${run[@]}" "$2/watchdogd" watchdog.sock) >"$folder.dog" &
     watchdog_pid=$!
     for ((i = 0; i < 200; i++)); do
@@ -60,7 +60,7 @@ check_example() { # check_example PROGRAM BIN: it ends with 0 and prints what th
   fi
   (cd "$folder" && timeout 60 "${run[@]}" "$1" </dev/null) >"$folder.out" 2>"$folder.err" \
     || die "$1 ended with $?: $(tail -n 5 "$folder.out" "$folder.err")"
-  diff <(steady <"$folder.out") "$source/docs/examples/$name.out" || die "$1 prints something else"
+  diff <(steady <"$folder.out") "$source/examples/modules/$name.out" || die "$1 prints something else"
   if [[ -n $watchdog_pid ]]; then
     kill "$watchdog_pid"
     wait "$watchdog_pid" || die "watchdogd ended with $?"
@@ -96,7 +96,7 @@ check_hosts() { # check_hosts PREFIX LIBDIR
 
   read -ra pc_flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig$pc_path${pc_path:-:$(pkg-config \
     --variable pc_path pkg-config)} pkg-config --cflags --libs kelvara)"
-  for example in "$source"/docs/examples/*.c "$source"/docs/examples/*.cpp "$source/examples/minimal.c"; do
+  for example in "$source"/examples/modules/*.c "$source"/examples/modules/*.cpp "$source/examples/minimal.c"; do
     name=$(basename "${example%.*}")
     compile=("$cc" -std=gnu11)
     [[ $example != *.cpp ]] || compile=("$cxx" -std=gnu++17)
@@ -110,10 +110,10 @@ check_hosts() { # check_hosts PREFIX LIBDIR
 
   { cmake -S "$source/tests/outside" -B "$work/cmake" -DCMAKE_C_COMPILER="$cc" \
     -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" -Dkelvara_DIR="$lib/cmake/kelvara" \
-    -DEXAMPLES="$source/docs/examples" -DMINIMAL="$source/examples/minimal.c" \
+    -DEXAMPLES="$source/examples/modules" -DMINIMAL="$source/examples/minimal.c" \
     && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
     || { tail -n 30 "$work/log"; die "CMake"; }
-  for example in "$source"/docs/examples/*.out; do
+  for example in "$source"/examples/modules/*.out; do
     check_example "$work/cmake/$(basename "${example%.out}")" "$1/bin"
   done
   check_minimal "$work/cmake/minimal" "$1/bin/tap"
