@@ -2,17 +2,12 @@
 #include <common/buffer.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-static_assert(offsetof(buffer_t, size) == sizeof(char *) &&
-                  offsetof(buffer_t, used) == sizeof(char *) + 4 &&
-                  sizeof(buffer_t) == sizeof(char *) + 8,
-              "layout of the record");
 static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr),
               "the counter needs no lock and no helper library");
 

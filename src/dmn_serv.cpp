@@ -9,14 +9,10 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <event2/event.h>
 #include <unistd.h>
-
-static_assert(offsetof(tClitNetCon, hnode) == 0, "a node's address is its record's");
-static_assert(sizeof(sockaddr_un) == 110);
 
 static const eLogLevl gicDbLev = LOG_LEV_ERROR;
 static constexpr int gicBacklog = 40;

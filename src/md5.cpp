@@ -7,9 +7,6 @@
 // The ceiling for log lines of this module, which has none so far.
 [[maybe_unused]] static const eLogLevl gicDbLev = LOG_LEV_INFO;
 
-static_assert(offsetof(md5_ctx, total) == 16 && offsetof(md5_ctx, buflen) == 24 &&
-              offsetof(md5_ctx, buffer) == 28 && sizeof(md5_ctx) == 156);
-
 namespace
 {
 

@@ -8,14 +8,10 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstring>
 #include <event2/event.h>
 #include <sys/time.h>
 #include <unistd.h>
-
-static_assert(sizeof(tWthdogFed) == 5 && offsetof(tWthdogFed, nameLen) == 4);
-static_assert(sizeof(tFeddogCfg) == 2 * sizeof(uint32_t) + 64 + 256);
 
 static const eLogLevl gicDbLev = LOG_LEV_ERROR;
 

@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <common/self_fifo.h>
 
-#include <cstddef>
 #include <cstring>
-
-static_assert(sizeof(void *) != 4 ||
-                  (offsetof(tFifo, Buff) == 20 && offsetof(tFifo, fifoRwLk) == 24),
-              "layout of the 32-bit target");
 
 // The results of the lock calls are not looked at: on a lock that fifo_init() made they can fail
 // only for a thread that already holds it, and no function here calls out while it does.

@@ -16,9 +16,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-static_assert(sizeof(eLogLevl) == 4 && sizeof(eLogSwitch) == 4);
-static_assert(sizeof(tLogCfg) == 5 * sizeof(uint32_t) + 256);
-
 static const eLogLevl gicDbLev = LOG_LEV_ERROR;
 
 static constexpr char gicLogStrAry[LOG_LEV_MAX][4] = {"OFF", "ERR", "RUN", "WAN",

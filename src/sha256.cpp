@@ -7,9 +7,6 @@
 // The ceiling for log lines of this module, which has none so far.
 [[maybe_unused]] static const eLogLevl g_fl_log_lev = LOG_LEV_ERROR;
 
-static_assert(offsetof(sha256_ctx, total) == 32 && offsetof(sha256_ctx, buflen) == 40 &&
-              offsetof(sha256_ctx, buffer) == 40 + sizeof(size_t));
-
 namespace
 {
 

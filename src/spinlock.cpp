@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <common/spinlock.h>
 
-static_assert(sizeof(spinlock_t) == sizeof(int), "the lock is one word");
-
 namespace
 {
 // Sequentially consistent operations are the acquire and the release, and full barriers as well: on
