@@ -25,6 +25,7 @@ std::mutex gLk;            // guards the three below
 tCallRule gRule;
 std::vector<std::string> gSeen;
 std::map<std::string, unsigned> gCounts;
+std::atomic<const char *> gExitText{""};
 
 int _enter(const char *name) {
     if (gInside || !gWatching.load(std::memory_order_relaxed)) return 0;
@@ -63,6 +64,8 @@ void calls_uncounted(const std::function<void()> &body) {
     body();
     gInside = was;
 }
+
+std::string calls_exit_text() { return gExitText.load(); }
 
 void calls_stop() { gWatching = false; }
 
@@ -149,6 +152,7 @@ WATCH(int, pthread_join, (pthread_t a, void **b), (a, b))
 extern "C" [[noreturn]] void __real_pthread_exit(void *);
 extern "C" [[noreturn]] void __wrap_pthread_exit(void *a);
 void __wrap_pthread_exit(void *a) {
+    gExitText = static_cast<const char *>(a);
     (void)_enter("pthread_exit");
     __real_pthread_exit(a);
 }

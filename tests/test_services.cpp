@@ -367,6 +367,7 @@ TEST(SetUp, FailuresShowInTheLogAlone) {
             calls_stop();
             timed_exit(row.service.exit);
         })));
+        EXPECT_TRUE(!starts || calls_exit_text() == row.service.stop + " exit") << calls_exit_text();
         rest.check(row.call);
     }
     close(dog);
