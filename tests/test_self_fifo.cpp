@@ -38,6 +38,8 @@ TEST(self_fifo, model) {
                 want.clear();
                 ASSERT_TRUE(fifo.Head == 0 && fifo.Tail == 0);
             }
+            ASSERT_EQ(pthread_rwlock_trywrlock(&fifo.fifoRwLk), 0) << "a call has kept the lock";
+            pthread_rwlock_unlock(&fifo.fifoRwLk);
             ASSERT_EQ(fifo_get_data_count(&fifo), want.size() / size);
             ASSERT_EQ(fifo_is_empty(&fifo), want.empty());
             ASSERT_EQ(fifo_is_full(&fifo), want.size() == depth * size);
