@@ -401,47 +401,31 @@ TEST(SetUp, PathLengths) {
 // A cancel that is pending on a host's thread takes effect behind the library's calls, not in the
 // middle of a stop, a held lock, or a child that shares the host's memory.
 TEST(Cancelled, HostThreadsFinishTheirCalls) {
-    static tLogCfg cfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
-    static tDmnServCfg serv;
-    snprintf(serv.dmNme, sizeof serv.dmNme, "%s/s", gDir.path.c_str());
-    static FILE *gStream;
-    using tBody = void *(*)(void *);
-    const tBody bodies[] = {
-        [](void *pDone) -> void * {
-            static char program[] = "exit", type[] = "r";
-            pthread_cancel(pthread_self());
-            gStream = popen2(program, type);
-            *static_cast<bool *>(pDone) = gStream != nullptr;
-            return nullptr;
-        },
-        [](void *pDone) -> void * {
-            pthread_cancel(pthread_self());
-            *static_cast<bool *>(pDone) = pclose2(gStream) == -1 && calls_count("kill") == 1;
-            return nullptr;
-        },
-        [](void *pDone) -> void * {
-            pthread_cancel(pthread_self());
-            *static_cast<bool *>(pDone) = dmn_server_exit() + log_system_exit() == 0;
-            return nullptr;
-        },
+    const tLogCfg cfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
+    tDmnServCfg serv = {};
+    (gDir / "s").copy(serv.dmNme, sizeof serv.dmNme);
+    char program[] = "exit", type[] = "r";
+    FILE *pStream = nullptr;
+    const std::function<bool()> bodies[] = {
+        [&] { return (pStream = popen2(program, type)) != nullptr; },
+        [&] { return pclose2(pStream) == -1 && calls_count("kill") == 1; },
+        [&] { return dmn_server_exit() + log_system_exit() == 0; },
     };
     output_of([&] {
         EXPECT_EQ(0, log_system_init(&cfg) + dmn_server_init(&serv));
         const int client = unix_connect_soon(serv.dmNme);
         calls_watch(spare);
-        for (const tBody body : bodies) {
-            bool done = false;
-            pthread_t host;
-            pthread_create(&host, nullptr, body, &done);
-            pthread_join(host, nullptr);
-            EXPECT_TRUE(done) << &body - bodies;
-        }
+        for (const auto &body : bodies)
+            std::thread([&] { // one that is struck ends the whole process
+                pthread_cancel(pthread_self());
+                EXPECT_TRUE(body()) << &body - bodies;
+            })
+                .join();
         calls_stop();
-        dmn_serv_tx_clit_msg(serv.dmNme, 1);
+        dmn_serv_tx_clit_msg(program, 1);
         close(client);
-        while (wait(nullptr) > 0)
-            ;
     });
+    while (wait(nullptr) > 0) continue;
 }
 
 // Everything together, started and stopped over and over: log service in both modes with files that
