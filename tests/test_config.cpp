@@ -12,9 +12,9 @@ namespace {
 std::string log_loaded(const config_t *cfg) {
     tLogCfg rec = {LOG_RUN_MAX, LOG_FILE_MAX, 77, LOG_SWITCH_MAX, LOG_SWITCH_MAX, "kept"};
     const int ret = load_log_cfg(&rec, "a.b", cfg);
-    const long fields[] = {ret, rec.logRunMd, rec.fileMod, rec.logSaveMaxCnt, rec.stdoutLogSwt, rec.fileLogSwt};
+    const int64_t fields[] = {ret, rec.logRunMd, rec.fileMod, rec.logSaveMaxCnt, rec.stdoutLogSwt, rec.fileLogSwt};
     std::string got;
-    for (const long field : fields) got += std::to_string(field) + " ";
+    for (const int64_t field : fields) got += std::to_string(field) + " ";
     return got + rec.saveLogPath;
 }
 std::string serv_loaded(const config_t *cfg) {
