@@ -8,6 +8,7 @@ import os
 import pty
 import random
 import re
+import resource
 import select
 import signal
 import socket
@@ -361,6 +362,21 @@ class Tools(Case):
             client.settimeout(LIMIT)
             self.assertEqual(client.recv(5), b"tick\n")
             self.ends(minimal, 0, stop=signal.SIGTERM)
+
+    @unittest.skipIf(os.environ.get("KELVARA_RUN"), "an emulator needs descriptors of its own")
+    def test_stop_without_a_descriptor_left(self):
+        minimal = self.start("minimal", "m.sock")
+        resource.prlimit(minimal.pid, resource.RLIMIT_NOFILE, (32, 32))
+        clients = [socket.socket(socket.AF_UNIX) for _ in range(40)]
+        path = self.path("m.sock")
+        self.until(lambda: clients[0].connect_ex(path) == 0, "connection", minimal)
+        for client in clients[1:]:
+            client.connect(path)
+        fds = "/proc/%d/fd" % minimal.pid
+        self.until(lambda: len(os.listdir(fds)) == 32, "descriptors", minimal)
+        self.ends(minimal, 0, stop=signal.SIGTERM)
+        for client in clients:
+            client.close()
 
 
 if __name__ == "__main__":
