@@ -204,11 +204,17 @@ TEST(LogRotation, TimeNamesAndCutNames) {
     const std::regex name(
         "New save log path=" + (gDir / "t") + "-" + day + R"(-[0-2]\d-[0-5]\d-[0-6]\d-0\d{5}\.log\n)");
     EXPECT_EQ(5, std::distance(std::sregex_iterator(said.begin(), said.end(), name), {}));
-    // A base name of 250 characters leaves four for the ending.
+    // A base name of 250 characters leaves four for the ending: "-YYY" of "-YYYY", or "-00.".
     const std::string base = (gDir / "t") + std::string(250 - (gDir / "t").size(), '/');
+    cfg = file_cfg(base, 1);
     EXPECT_EQ(1U, count_of(logged(
-                               file_cfg(base, 1), [] {}, -4),
+                               cfg, [] {}, -4),
                       "New save log path=" + base + "-00.\n"));
+    cfg.fileMod = LOG_FILE_TIME;
+    day[3] = '\0';
+    EXPECT_EQ(1U, count_of(logged(
+                               cfg, [] {}, -4),
+                      "New save log path=" + base + "-" + day + "\n"));
 }
 
 TEST(LogRotation, LostFolderEndsFileOutputOnly) {
@@ -265,6 +271,12 @@ TEST(LogWriter, EveryLineArrivesWholeAndInOrderBeforeExitReturns) {
         EXPECT_EQ(fds, open_descriptors());
         EXPECT_EQ("", output_of([] { logger(0, 0, "lost\n"); }));
     }
+}
+
+TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) logged(log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON), [] { nap(1); });
+    EXPECT_LT(ms_since(start), 1000); // a turn takes 100 ms
 }
 
 TEST(LogWriter, FailuresOfItsStart) {

@@ -419,6 +419,9 @@ TEST(Cancelled, HostThreadsFinishTheirCalls) {
             std::thread([&] { // one that is struck ends the whole process
                 pthread_cancel(pthread_self());
                 EXPECT_TRUE(body()) << &body - bodies;
+                int was = PTHREAD_CANCEL_DISABLE; // may be struck again
+                pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
+                EXPECT_EQ(PTHREAD_CANCEL_ENABLE, was);
             })
                 .join();
         calls_stop();
