@@ -254,6 +254,28 @@ TEST(DmnServ, SendersAtAnyTimeKeepNobodyWaiting) {
     for (auto &one : senders) one.join();
 }
 
+// While one sender holds the registry and the stop waits for it, the next sender stands behind.
+TEST(DmnServ, StopGoesBeforeLaterSenders) {
+    served([&] {
+        const int fd = admitted();
+        std::atomic<bool> hold{true};
+        calls_watch(holding("write", hold));
+        std::thread first([] { broadcast("1"); });
+        ASSERT_TRUE(wait_until([] { return calls_count("write") == 1; }));
+        std::thread stop(dmn_server_exit);
+        ASSERT_TRUE(wait_until([] { return calls_count("pthread_rwlock_wrlock") == 1; }));
+        nap(100); // from the call to its wait
+        std::thread second([] { broadcast("2"); });
+        nap(100);
+        EXPECT_EQ(1U, calls_count("write"));
+        hold = false;
+        for (std::thread *one : {&first, &stop, &second}) one->join();
+        calls_stop();
+        EXPECT_EQ("1", read_bytes(fd, 2));
+        close(fd);
+    });
+}
+
 // A sender cancelled in the middle of a broadcast leaves no lock behind.
 TEST(DmnServ, CancelledSenderLeavesTheRegistryUsable) {
     served([&] { // the stop takes the write lock
