@@ -18,7 +18,8 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-namespace {
+namespace
+{
 std::atomic<bool> gWatching{false};
 thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
 std::mutex gLk;            // guards the three below
@@ -27,8 +28,10 @@ std::vector<std::string> gSeen;
 std::map<std::string, unsigned> gCounts;
 std::atomic<const char *> gExitText{""};
 
-int _enter(const char *name) {
-    if (gInside || !gWatching.load(std::memory_order_relaxed)) return 0;
+int _enter(const char *name)
+{
+    if (gInside || !gWatching.load(std::memory_order_relaxed))
+        return 0;
     int errNow = errno;
     gInside = true;
     int err = 0;
@@ -50,7 +53,8 @@ int _enter(const char *name) {
 }
 } // namespace
 
-void calls_watch(tCallRule rule) {
+void calls_watch(tCallRule rule)
+{
     std::lock_guard<std::mutex> hold(gLk);
     gRule = std::move(rule);
     gSeen.clear();
@@ -58,50 +62,64 @@ void calls_watch(tCallRule rule) {
     gWatching = true;
 }
 
-void calls_uncounted(const std::function<void()> &body) {
+void calls_uncounted(const std::function<void()> &body)
+{
     const bool was = gInside;
     gInside = true;
     body();
     gInside = was;
 }
 
-std::string calls_exit_text() { return gExitText.load(); }
-
-void calls_stop() { gWatching = false; }
-
-tCallRule calls_fail(std::string name, unsigned nth, int err) {
-    return [=](const tCall &call) { return name == call.name && (nth == 0 || nth == call.nth) ? err : 0; };
+std::string calls_exit_text()
+{
+    return gExitText.load();
 }
 
-std::vector<std::string> calls_seen() {
+void calls_stop()
+{
+    gWatching = false;
+}
+
+tCallRule calls_fail(std::string name, unsigned nth, int err)
+{
+    return [=](const tCall &call) {
+        return name == call.name && (nth == 0 || nth == call.nth) ? err : 0;
+    };
+}
+
+std::vector<std::string> calls_seen()
+{
     std::lock_guard<std::mutex> hold(gLk);
     return gSeen;
 }
 
-unsigned calls_count(const std::string &name) {
+unsigned calls_count(const std::string &name)
+{
     std::lock_guard<std::mutex> hold(gLk);
     auto at = gCounts.find(name);
     return at == gCounts.end() ? 0 : at->second;
 }
 
 // A failing call sets errno and gives `failed`; the pthread calls give the error number itself.
-#define WRAP(type, name, params, args, failed)                                                                         \
-    extern "C" type __real_##name params;                                                                              \
-    extern "C" type __wrap_##name params;                                                                              \
-    type __wrap_##name params {                                                                                        \
-        if (int err = _enter(#name)) {                                                                                 \
-            errno = err;                                                                                               \
-            return failed;                                                                                             \
-        }                                                                                                              \
-        return __real_##name args;                                                                                     \
+#define WRAP(type, name, params, args, failed)                                                     \
+    extern "C" type __real_##name params;                                                          \
+    extern "C" type __wrap_##name params;                                                          \
+    type __wrap_##name params                                                                      \
+    {                                                                                              \
+        if (int err = _enter(#name)) {                                                             \
+            errno = err;                                                                           \
+            return failed;                                                                         \
+        }                                                                                          \
+        return __real_##name args;                                                                 \
     }
 // One that cannot fail is only counted and, by its rule, held.
-#define WATCH(type, name, params, args)                                                                                \
-    extern "C" type __real_##name params;                                                                              \
-    extern "C" type __wrap_##name params;                                                                              \
-    type __wrap_##name params {                                                                                        \
-        (void)_enter(#name);                                                                                           \
-        return __real_##name args;                                                                                     \
+#define WATCH(type, name, params, args)                                                            \
+    extern "C" type __real_##name params;                                                          \
+    extern "C" type __wrap_##name params;                                                          \
+    type __wrap_##name params                                                                      \
+    {                                                                                              \
+        (void)_enter(#name);                                                                       \
+        return __real_##name args;                                                                 \
     }
 
 using tEtCb = void (*)(int, short, void *);
@@ -127,7 +145,8 @@ WRAP(int, kill, (pid_t a, int b), (a, b), -1)
 WRAP(int, sigprocmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c), -1)
 WATCH(int, pthread_sigmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c))
 WATCH(sighandler_t, signal, (int a, sighandler_t b), (a, b))
-WRAP(int, execl, (const char *a, const char *b, const char *c, const char *d, void *e), (a, b, c, d, e), -1)
+WRAP(int, execl, (const char *a, const char *b, const char *c, const char *d, void *e),
+     (a, b, c, d, e), -1)
 WRAP(int, getdtablesize, (), (), -err)
 WRAP(int, getrlimit, (int a, rlimit *b), (a, b), -1)
 WRAP(int, setrlimit, (int a, const rlimit *b), (a, b), -1)
@@ -146,12 +165,14 @@ WATCH(void, free, (void *a), (a))
 WATCH(int, rand, (), ())
 WATCH(int, sched_yield, (), ())
 WRAP(int, nanosleep, (const timespec *a, timespec *b), (a, b), -1)
-WRAP(int, pthread_create, (pthread_t * a, const pthread_attr_t *b, tStart c, void *d), (a, b, c, d), err)
+WRAP(int, pthread_create, (pthread_t * a, const pthread_attr_t *b, tStart c, void *d), (a, b, c, d),
+     err)
 WATCH(int, pthread_cancel, (pthread_t a), (a))
 WATCH(int, pthread_join, (pthread_t a, void **b), (a, b))
 extern "C" [[noreturn]] void __real_pthread_exit(void *);
 extern "C" [[noreturn]] void __wrap_pthread_exit(void *a);
-void __wrap_pthread_exit(void *a) {
+void __wrap_pthread_exit(void *a)
+{
     gExitText = static_cast<const char *>(a);
     (void)_enter("pthread_exit");
     __real_pthread_exit(a);
@@ -163,5 +184,6 @@ WATCH(int, pthread_rwlock_wrlock, (pthread_rwlock_t * a), (a))
 WRAP(int, sem_wait, (sem_t * a), (a), -1)
 WRAP(event_base *, event_base_new, (), (), nullptr)
 WRAP(int, event_base_dispatch, (event_base * a), (a), -1)
-WRAP(event *, event_new, (event_base * a, int b, short c, tEtCb d, void *e), (a, b, c, d, e), nullptr)
+WRAP(event *, event_new, (event_base * a, int b, short c, tEtCb d, void *e), (a, b, c, d, e),
+     nullptr)
 WRAP(int, event_add, (event * a, const timeval *b), (a, b), -1)

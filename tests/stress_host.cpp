@@ -9,13 +9,15 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-template <typename tCall> static long long ns_of(tCall call) {
+template <typename tCall> static long long ns_of(tCall call)
+{
     const auto start = std::chrono::steady_clock::now();
     call();
     return std::chrono::nanoseconds(std::chrono::steady_clock::now() - start).count();
 }
 
-static void broadcast(int count, int size) {
+static void broadcast(int count, int size)
+{
     static int number;
     long long longest = 0;
     while (count-- > 0) {
@@ -29,7 +31,8 @@ static void broadcast(int count, int size) {
 }
 
 // A line that is reported has been logged: its call has returned.
-static void log_lines(int count) {
+static void log_lines(int count)
+{
     static int number;
     for (; count > 0; --count, ++number) {
         log_msg(LOG_LEV_OFF, "host", "f", 1, "<%08d %080d>\n", number, 0);
@@ -37,14 +40,17 @@ static void log_lines(int count) {
     }
 }
 
-int main(int, char **argv) {
+int main(int, char **argv)
+{
     const auto arg = [=](int at) { return static_cast<unsigned>(atoi(argv[at])); };
-    tLogCfg log = {eLogRunMod(arg(2)), eLogFileMod(arg(3)), arg(4), eLogSwitch(arg(5)), eLogSwitch(arg(6)), ""};
+    tLogCfg log = {eLogRunMod(arg(2)), eLogFileMod(arg(3)), arg(4),
+                   eLogSwitch(arg(5)), eLogSwitch(arg(6)),  ""};
     tDmnServCfg serv = {};
     snprintf(log.saveLogPath, sizeof log.saveLogPath, "%s", argv[7]);
     snprintf(serv.dmNme, sizeof serv.dmNme, "%s", argv[1]);
     dprintf(2, "started %d\n", log_system_init(&log));
-    if (serv.dmNme[0] != '-') dmn_server_init(&serv);
+    if (serv.dmNme[0] != '-')
+        dmn_server_init(&serv);
     int count = 0, size = 0;
     for (char line[64]; fgets(line, sizeof line, stdin) != nullptr; dprintf(2, "done\n")) {
         sscanf(line + 1, "%d %d", &count, &size);

@@ -21,21 +21,30 @@
 // A temporary folder that goes with its owner.
 struct tTempDir {
     std::string path;
-    tTempDir() {
+    tTempDir()
+    {
         char name[] = "/tmp/kelvara-XXXXXX";
         path = mkdtemp(name);
     }
-    ~tTempDir() { (void)!system(("rm -rf " + path).c_str()); }
-    std::string operator/(const std::string &name) const { return path + "/" + name; }
+    ~tTempDir()
+    {
+        (void)!system(("rm -rf " + path).c_str());
+    }
+    std::string operator/(const std::string &name) const
+    {
+        return path + "/" + name;
+    }
 };
 
-inline std::string slurp(const std::string &path) {
+inline std::string slurp(const std::string &path)
+{
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // What the process writes to standard output while `body` runs.
-inline std::string output_of(const std::function<void()> &body) {
+inline std::string output_of(const std::function<void()> &body)
+{
     testing::internal::CaptureStdout();
     body();
     fflush(stdout);
@@ -43,73 +52,96 @@ inline std::string output_of(const std::function<void()> &body) {
 }
 
 // Bytes of chance, the same in each run.
-inline std::string noise(size_t len, unsigned seed = 1) {
+inline std::string noise(size_t len, unsigned seed = 1)
+{
     std::mt19937 random(seed);
     std::string bytes(len, '\0');
-    for (char &c : bytes) c = static_cast<char>(random());
+    for (char &c : bytes)
+        c = static_cast<char>(random());
     return bytes;
 }
 
 // The end of a page of storage: one byte further is a crash.
-inline char *wall() {
+inline char *wall()
+{
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void *at = mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     EXPECT_EQ(mprotect(at, page, PROT_READ | PROT_WRITE), 0);
     return static_cast<char *>(at) + page;
 }
 
-inline void nap(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+inline void nap(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
 
-inline long ms_since(std::chrono::steady_clock::time_point start) {
-    const std::chrono::duration<double, std::milli> passed = std::chrono::steady_clock::now() - start;
+inline long ms_since(std::chrono::steady_clock::time_point start)
+{
+    const std::chrono::duration<double, std::milli> passed =
+        std::chrono::steady_clock::now() - start;
     return static_cast<long>(passed.count());
 }
 
-inline bool wait_until(const std::function<bool()> &done, int ms = 10000) {
+inline bool wait_until(const std::function<bool()> &done, int ms = 10000)
+{
     for (const auto start = std::chrono::steady_clock::now(); !done(); nap(1))
-        if (ms_since(start) > ms) return false;
+        if (ms_since(start) > ms)
+            return false;
     return true;
 }
 
 // `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".
-inline std::string tagged(const std::string &said) {
+inline std::string tagged(const std::string &said)
+{
     std::string out;
     for (size_t at = 0, end = 0; at < said.size(); at = end + 2) {
         end = said.find("] ", at);
-        if (end == std::string::npos) return out + said.substr(at);
+        if (end == std::string::npos)
+            return out + said.substr(at);
         const size_t from = said.rfind('[', end), name = said.rfind(' ', end - 6) + 1;
-        out += said.substr(at, from - at) + said.substr(from + 1, 3) + " " + said.substr(name, end - 5 - name) + ": ";
+        out += said.substr(at, from - at) + said.substr(from + 1, 3) + " " +
+               said.substr(name, end - 5 - name) + ": ";
     }
     return out;
 }
 
-inline size_t count_of(const std::string &text, const std::string &part) {
+inline size_t count_of(const std::string &text, const std::string &part)
+{
     size_t found = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++found;
     return found;
 }
 
-inline size_t entries_of(const char *folder) {
+inline size_t entries_of(const char *folder)
+{
     size_t found = 0;
     if (DIR *dir = opendir(folder)) {
-        while (readdir(dir) != nullptr) ++found;
+        while (readdir(dir) != nullptr)
+            ++found;
         closedir(dir);
     }
     return found;
 }
-inline size_t open_descriptors() { return entries_of("/proc/self/fd"); }
+inline size_t open_descriptors()
+{
+    return entries_of("/proc/self/fd");
+}
 // How many threads there are, with whatever a sanitizer starts along with the first one.
-inline size_t threads_at_rest() {
+inline size_t threads_at_rest()
+{
     std::thread([] {}).join();
     nap(20);
     return entries_of("/proc/self/task");
 }
 // A joined thread leaves the list a moment after the join.
-inline bool threads_settle_at(size_t wanted) {
+inline bool threads_settle_at(size_t wanted)
+{
     return wait_until([=] { return entries_of("/proc/self/task") == wanted; });
 }
 
-inline sockaddr_un unix_name(const std::string &path) {
+inline sockaddr_un unix_name(const std::string &path)
+{
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     path.copy(addr.sun_path, sizeof addr.sun_path - 1);
@@ -117,22 +149,26 @@ inline sockaddr_un unix_name(const std::string &path) {
 }
 
 // A connected client, or -1.
-inline int unix_connect(const std::string &path) {
+inline int unix_connect(const std::string &path)
+{
     const sockaddr_un addr = unix_name(path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0) return fd;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0)
+        return fd;
     close(fd);
     return -1;
 }
 
 // A client of a server that is starting up.
-inline int unix_connect_soon(const std::string &path) {
+inline int unix_connect_soon(const std::string &path)
+{
     int fd = -1;
     EXPECT_TRUE(wait_until([&] { return (fd = unix_connect(path)) != -1; })) << path;
     return fd;
 }
 
-inline int unix_listen(const std::string &path) {
+inline int unix_listen(const std::string &path)
+{
     const sockaddr_un addr = unix_name(path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr));
@@ -141,7 +177,8 @@ inline int unix_listen(const std::string &path) {
 }
 
 // Exactly `len` bytes, fewer at end of stream or after ten seconds.
-inline std::string read_bytes(int fd, size_t len) {
+inline std::string read_bytes(int fd, size_t len)
+{
     timeval wait = {10, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     std::string got(len, '\0');

@@ -11,7 +11,8 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 using tBytes = std::basic_string<uint8_t>;
 constexpr auto encrypt = AES128_CBC_encrypt_buffer, decrypt = AES128_CBC_decrypt_buffer;
 
-static tBytes hex(const std::string &digits) {
+static tBytes hex(const std::string &digits)
+{
     tBytes bytes;
     for (size_t i = 0; i < digits.size(); i += 2)
         bytes += static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16));
@@ -29,7 +30,8 @@ const tBytes gicCbc = hex("7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db1
                           "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7");
 
 // One block: by OpenSSL where the machine has it, else by the functions that the vectors prove.
-static tBytes block(bool encrypts, const tBytes &key, tBytes in) {
+static tBytes block(bool encrypts, const tBytes &key, tBytes in)
+{
     tBytes out(16, 0);
 #ifdef KELVARA_HAVE_OPENSSL
     static EVP_CIPHER_CTX *const judge = EVP_CIPHER_CTX_new();
@@ -45,13 +47,15 @@ static tBytes block(bool encrypts, const tBytes &key, tBytes in) {
 
 // First of all, with no key or iv given in the process: all round keys and the chaining value are
 // zeros. Every byte is then its own block: ten times through the S-box, 0 becomes 0x36.
-TEST(Aes, NothingGivenYet) {
+TEST(Aes, NothingGivenYet)
+{
     tBytes zeros(16, 0);
     encrypt(zeros.data(), zeros.data(), 16, nullptr, nullptr);
     EXPECT_EQ(zeros, tBytes(16, 0x36));
 }
 
-TEST(Aes, PublishedVectors) {
+TEST(Aes, PublishedVectors)
+{
     // FIPS-197, C.1, whose key is that iv, and before it the others.
     const tBytes plain = gicText + hex("00112233445566778899aabbccddeeff");
     const tBytes cipher = gicEcb + hex("69c4e0d86a7b0430d8cdb78070b4c55a");
@@ -69,7 +73,8 @@ TEST(Aes, PublishedVectors) {
         tBytes in = gicText, out(64, 0);
         const auto walk = [&](decltype(encrypt) cbc, uint8_t *to, uint8_t *from) {
             for (uint32_t i = 0; i < 64; i += step)
-                cbc(to + i, from + i, std::min(step, 64 - i), i ? nullptr : gicKey.data(), i ? nullptr : gicIv.data());
+                cbc(to + i, from + i, std::min(step, 64 - i), i ? nullptr : gicKey.data(),
+                    i ? nullptr : gicIv.data());
         };
         walk(encrypt, out.data(), in.data());
         walk(decrypt, in.data(), out.data());
@@ -78,14 +83,17 @@ TEST(Aes, PublishedVectors) {
     }
 }
 
-static tBytes operator^(tBytes a, const tBytes &b) {
-    for (size_t i = 0; i < a.size(); i++) a[i] = static_cast<uint8_t>(a[i] ^ b[i]);
+static tBytes operator^(tBytes a, const tBytes &b)
+{
+    for (size_t i = 0; i < a.size(); i++)
+        a[i] = static_cast<uint8_t>(a[i] ^ b[i]);
     return a;
 }
 
 // Each call has memory of its own: input and output at any address, a key and an iv. The chaining
 // value is the memory that it came from, whatever has become of it since.
-TEST(Aes, AnySequenceOfCalls) {
+TEST(Aes, AnySequenceOfCalls)
+{
     std::mt19937 random(1);
     uint8_t room[2][232], *chain = room[0];
     tBytes key;
@@ -105,7 +113,8 @@ TEST(Aes, AnySequenceOfCalls) {
             tBytes data = wanted.substr(in + i, std::min<size_t>(16, len - i));
             const size_t whole = data.size() / 16 * 16; // of a partial block the input stays
             data.resize(16);
-            if (encrypts) wanted.replace(in + i, whole, data = data ^ last, 0, whole);
+            if (encrypts)
+                wanted.replace(in + i, whole, data = data ^ last, 0, whole);
             data = block(encrypts, key, data);
             wanted.replace(out + i, 16, encrypts ? data : data ^ last);
             last = wanted.substr(i + (encrypts ? out : in), 16);
@@ -115,7 +124,8 @@ TEST(Aes, AnySequenceOfCalls) {
             (encrypts ? AES128_ECB_encrypt : AES128_ECB_decrypt)(&other[0], new_key, &other[0]);
             ASSERT_EQ(other, judged);
         }
-        (encrypts ? encrypt : decrypt)(here + out, here + in, len, has_key ? nullptr : new_key, has_iv ? iv : nullptr);
+        (encrypts ? encrypt : decrypt)(here + out, here + in, len, has_key ? nullptr : new_key,
+                                       has_iv ? iv : nullptr);
         ASSERT_EQ(tBytes(here, 232), wanted) << call << " " << len;
         turn += len > 0;
         chain = len == 0 ? chain : here + (encrypts ? out : in) + (len - 1) / 16 * 16;

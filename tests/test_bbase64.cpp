@@ -14,15 +14,19 @@ using tResult = std::pair<int, string>;
 // The result and what was written: the room up to the last byte that is not the filling any more.
 // Input and room end where their memory ends, which the address sanitizer watches.
 template <typename tFrom, typename tTo>
-static tResult run(int (*codec)(const tFrom *, size_t, tTo *, size_t), const string &in, size_t room) {
+static tResult run(int (*codec)(const tFrom *, size_t, tTo *, size_t), const string &in,
+                   size_t room)
+{
     string out(room, '\xaa');
-    const int result =
-        codec(reinterpret_cast<const tFrom *>(in.data()), in.size(), reinterpret_cast<tTo *>(out.data()), room);
+    const int result = codec(reinterpret_cast<const tFrom *>(in.data()), in.size(),
+                             reinterpret_cast<tTo *>(out.data()), room);
     return {result, out.substr(0, out.find_last_not_of('\xaa') + 1)};
 }
 
-TEST(Base64, DecodedCases) {
-    const std::tuple<string, size_t, tResult> cases[] = {// clang-format off
+TEST(Base64, DecodedCases)
+{
+    const std::tuple<string, size_t, tResult> cases[] = {
+        // clang-format off
         // RFC 4648, section 10; bytes above 127
         {"", 9, {0, ""}}, {"Zg==", 9, {1, "f"}}, {"Zm8=", 3, {2, "fo"}}, {"Zm9v", 3, {3, "foo"}},
         {"Zm9vYg==", 6, {4, "foob"}}, {"Zm9vYmE=", 6, {5, "fooba"}}, {"Zm9vYmFy", 6, {6, "foobar"}},
@@ -36,10 +40,12 @@ TEST(Base64, DecodedCases) {
         // Room counts by 3 bytes a group, and bounds what is looked at.
         {"TWFu", 2, {0, ""}}, {"TWFuTQ==", 5, {3, "Man"}}, {"TWFu!!!!", 5, {3, "Man"}}};
     // clang-format on
-    for (const auto &[text, room, wanted] : cases) EXPECT_EQ(run(bbase64_decode, text, room), wanted) << text << room;
+    for (const auto &[text, room, wanted] : cases)
+        EXPECT_EQ(run(bbase64_decode, text, room), wanted) << text << room;
 }
 
-TEST(Base64, KnowsEveryByteInEveryPlace) {
+TEST(Base64, KnowsEveryByteInEveryPlace)
+{
     const string set = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     for (int i = 0, place = 0; i < 4 * 256; i++, place = i / 256) {
         string text = "////";
@@ -51,7 +57,8 @@ TEST(Base64, KnowsEveryByteInEveryPlace) {
     }
 }
 
-TEST(Base64, RandomBytesComeBack) {
+TEST(Base64, RandomBytesComeBack)
+{
     for (size_t len = 0; len < 400; len++) {
         const string data = noise(len, 1) + '.'; // none of the filling at the end
         const size_t need = (len + 3) / 3 * 4;

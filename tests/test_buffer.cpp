@@ -10,7 +10,8 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-static std::string _big(uint64_t v, size_t bytes) {
+static std::string _big(uint64_t v, size_t bytes)
+{
     v = htobe64(v);
     return {reinterpret_cast<char *>(&v) + 8 - bytes, bytes};
 }
@@ -22,14 +23,17 @@ struct tModel {
     std::string data;
 };
 
-static bool _fit(tModel &m, size_t need, bool grows) {
-    if (m.size < need && grows) m.size = need / 512 * 512 + 512;
+static bool _fit(tModel &m, size_t need, bool grows)
+{
+    if (m.size < need && grows)
+        m.size = need / 512 * 512 + 512;
     return m.size >= need;
 }
 
 // Random operations on three buffers; in every other run their storage ends at a wall, where it can
 // neither grow nor be left.
-TEST(buffer, model) {
+TEST(buffer, model)
+{
     std::mt19937 rng(1);
     const int sizes[] = {1, 64, 301};
     char *from = wall(), *ends[] = {wall(), wall(), wall()};
@@ -50,7 +54,8 @@ TEST(buffer, model) {
         const auto len = uint32(bytes.size());
         char *src = static_cast<char *>(memcpy(from - len, bytes.data(), len)), *got = nullptr;
         const uint64_t v = uint64_t{rng()} << 32 | rng();
-        if (room > 0) d.b->ptr[used] = 'x'; // gives away who writes behind the data
+        if (room > 0)
+            d.b->ptr[used] = 'x'; // gives away who writes behind the data
         // What each does, if it does.
         const std::function<std::string()> calls[] = {
             [&] { return write_string(d.b, src, len), d.data + _big(len, 4) + bytes; },
@@ -60,10 +65,13 @@ TEST(buffer, model) {
             [&] { return write_uint16(d.b, uint16(v)), d.data + _big(v, 2); },
             [&] { return write_uint32(d.b, uint32(v)), d.data + _big(v, 4); },
             [&] { return write_uint64(d.b, v), d.data + _big(v, 8); },
-            [&] { return buffer_append(d.b, s.b), d.data + s.data; }, [&] { return buffer_copy(d.b, s.b), s.data; },
+            [&] { return buffer_append(d.b, s.b), d.data + s.data; },
+            [&] { return buffer_copy(d.b, s.b), s.data; },
             [&] { return buffer_shift(d.b, n), valid ? d.data.substr(size_t(n)) : d.data; },
             [&] { return buffer_reset(d.b), ""; },
-            [&] { return got = buffer_calloc(d.b, n), d.data + std::string(got ? size_t(n) : 0, 0); }};
+            [&] {
+                return got = buffer_calloc(d.b, n), d.data + std::string(got ? size_t(n) : 0, 0);
+            }};
         const size_t call = rng() % std::size(calls);
         calls_watch(grows ? nullptr : calls_fail("realloc", 0, ENOMEM));
         const std::string after = calls[call]();
@@ -71,10 +79,13 @@ TEST(buffer, model) {
         bool ended = call == 9 ? valid && (n > 0 || room > 0) : call == 10;
         if (call < 7 || (call < 9 && !s.data.empty())) // a string grows in two steps
             ended = (call > 0 || _fit(d, used + 5, grows)) && _fit(d, after.size() + 1, grows);
-        if (call == 11) ASSERT_EQ(got, n >= 0 && size_t(n) < room ? d.b->ptr + used : nullptr);
-        if (call == 10) ASSERT_EQ(std::string(d.b->ptr, d.size), std::string(d.size, 0));
+        if (call == 11)
+            ASSERT_EQ(got, n >= 0 && size_t(n) < room ? d.b->ptr + used : nullptr);
+        if (call == 10)
+            ASSERT_EQ(std::string(d.b->ptr, d.size), std::string(d.size, 0));
         d.data = ended || call == 11 ? after : d.data;
-        if (room > 0 && !got) ASSERT_EQ(d.b->ptr[d.data.size()], ended ? 0 : 'x') << call;
+        if (room > 0 && !got)
+            ASSERT_EQ(d.b->ptr[d.data.size()], ended ? 0 : 'x') << call;
         size_t held = 0;
         for (const tModel &m : all) {
             held += atWall ? 0 : m.size + sizeof(buffer_t);
@@ -85,7 +96,8 @@ TEST(buffer, model) {
     }
 }
 
-TEST(buffer, capacities) {
+TEST(buffer, capacities)
+{
     // To make, to expand to, what comes of it, and whether the allocator is asked for the latter.
     // clang-format off
     const int cases[][4] = {
@@ -110,7 +122,8 @@ TEST(buffer, capacities) {
     calls_stop();
 }
 
-TEST(buffer, refusals) {
+TEST(buffer, refusals)
+{
     // Room for a length alone; nearly as large as can be; none.
     char text[16] = "0123456789";
     buffer_t src{text, 16, 10}, gap{nullptr, 0, 10}, full{wall(), INT_MAX, INT_MAX - 1};
@@ -118,9 +131,11 @@ TEST(buffer, refusals) {
     calls_watch();
     for (buffer_t *b : {&src, &full, none}) {
         const buffer_t was = b ? *b : gap;
-        for (uint32 l : {UINT32_MAX, UINT32_MAX - 3, UINT32_MAX - 10, uint32{INT_MAX}}) write_string(b, text, l);
+        for (uint32 l : {UINT32_MAX, UINT32_MAX - 3, UINT32_MAX - 10, uint32{INT_MAX}})
+            write_string(b, text, l);
         write_uint64(b == &src ? none : b, 1);
-        for (buffer_t *other : {b == &src ? &gap : &src, &gap, none}) buffer_append(b, other);
+        for (buffer_t *other : {b == &src ? &gap : &src, &gap, none})
+            buffer_append(b, other);
         buffer_copy(b, &gap);
         buffer_copy(none, b);
         buffer_shift(b, INT_MIN);
@@ -132,7 +147,8 @@ TEST(buffer, refusals) {
     EXPECT_TRUE(calls_seen().empty() && gap.ptr == nullptr && text[10] == 0);
 }
 
-TEST(buffer, read_buffer_results) {
+TEST(buffer, read_buffer_results)
+{
     // clang-format off
     // What fails and how; bytes held and waiting (-1: a file, its position behind its end); then
     // the result, the capacity and what is printed.
@@ -155,7 +171,8 @@ TEST(buffer, read_buffer_results) {
         ASSERT_EQ(pipe(ends), 0);
         ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
         close(ends[1]);
-        if (waiting < 0) lseek(ends[0] = fileno(tmpfile()), 100, SEEK_SET);
+        if (waiting < 0)
+            lseek(ends[0] = fileno(tmpfile()), 100, SEEK_SET);
         buffer_t *b = buffer_init(0);
         b->used = used;
         calls_watch(calls_fail(fails, 0, err));
@@ -173,7 +190,8 @@ TEST(buffer, read_buffer_results) {
     }
 }
 
-TEST(buffer, byte_order) {
+TEST(buffer, byte_order)
+{
     // As a little-endian processor sees it; all of ours are.
     EXPECT_TRUE(TO_WLE(0x12f4) == 0x12f4 && TO_WBE(0x12f4) == 0xf412);
     EXPECT_TRUE(TO_DWLE(0xf1223384) == 0xf1223384 && TO_DWBE(0xf1223384) == 0x843322f1);
@@ -181,9 +199,11 @@ TEST(buffer, byte_order) {
     EXPECT_EQ(TO_QWBE(0xf102030405060788), 0x88070605040302f1u);
 }
 
-TEST(buffer, threads_share_the_counter) {
+TEST(buffer, threads_share_the_counter)
+{
     const auto churn = [] {
-        for (int i = 0; i < 50000; i++) buffer_free(buffer_init(i % 200));
+        for (int i = 0; i < 50000; i++)
+            buffer_free(buffer_init(i % 200));
     };
     std::thread other(churn);
     churn();

@@ -7,30 +7,37 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-namespace {
+namespace
+{
 // Each loader on a preset record: its result, and what the record holds then.
-std::string log_loaded(const config_t *cfg) {
+std::string log_loaded(const config_t *cfg)
+{
     tLogCfg rec = {LOG_RUN_MAX, LOG_FILE_MAX, 77, LOG_SWITCH_MAX, LOG_SWITCH_MAX, "kept"};
     const int ret = load_log_cfg(&rec, "a.b", cfg);
-    const int64_t fields[] = {ret, rec.logRunMd, rec.fileMod, rec.logSaveMaxCnt, rec.stdoutLogSwt, rec.fileLogSwt};
+    const int64_t fields[] = {
+        ret, rec.logRunMd, rec.fileMod, rec.logSaveMaxCnt, rec.stdoutLogSwt, rec.fileLogSwt};
     std::string got;
-    for (const int64_t field : fields) got += std::to_string(field) + " ";
+    for (const int64_t field : fields)
+        got += std::to_string(field) + " ";
     return got + rec.saveLogPath;
 }
-std::string serv_loaded(const config_t *cfg) {
+std::string serv_loaded(const config_t *cfg)
+{
     tDmnServCfg rec = {"kept"};
     const int ret = load_dmn_serv_cfg(&rec, "a.b", cfg);
     return std::to_string(ret) + " " + rec.dmNme;
 }
-std::string dog_loaded(const config_t *cfg) {
+std::string dog_loaded(const config_t *cfg)
+{
     tFeddogCfg rec = {3, 4, "kept", "too"};
     const int ret = load_feeddog_cfg(&rec, "a.b", cfg);
-    return std::to_string(ret) + " " + std::to_string(rec.feddogSec) + " " + std::to_string(rec.feddogUSec) + " " +
-           rec.feddogNme + " " + rec.txFeddogHtDmNme;
+    return std::to_string(ret) + " " + std::to_string(rec.feddogSec) + " " +
+           std::to_string(rec.feddogUSec) + " " + rec.feddogNme + " " + rec.txFeddogHtDmNme;
 }
 } // namespace
 
-TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest) {
+TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest)
+{
     const std::string name(70, 'n'), path(300, 'p'), quoted = " = \"" + path + "\"; ";
     const struct {
         std::string (*load)(const config_t *);
@@ -38,9 +45,9 @@ TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest) {
     } table[] = {
         {log_loaded, "", "0 2 2 77 2 2 kept"},
         {log_loaded,
-            "logRunMd = 1; fileMod = 5; logSaveMaxCnt = 9; stdoutLogSwt = 4; fileLogSwt = 0; "
-            "saveLogPath = \"/a\";",
-            "0 1 5 9 4 0 /a"},
+         "logRunMd = 1; fileMod = 5; logSaveMaxCnt = 9; stdoutLogSwt = 4; fileLogSwt = 0; "
+         "saveLogPath = \"/a\";",
+         "0 1 5 9 4 0 /a"},
         {log_loaded, "logRunMd = \"1\"; fileMod = \"x\"; saveLogPath = 3;", "0 2 2 77 2 2 kept"},
         {log_loaded, "saveLogPath" + quoted, "0 2 2 77 2 2 " + path.substr(0, 254)},
         {log_loaded, "-", "ERR self_log: config_lookup(a.b) err!!!!\n-5 2 2 77 2 2 kept"},
@@ -50,12 +57,13 @@ TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest) {
         {serv_loaded, "dmNme" + quoted, "0 " + path.substr(0, 254)},
         {serv_loaded, "-", "ERR dmn_serv: config_lookup(\"a.b\") err!!!!\n-15 kept"},
         {dog_loaded, "", "0 3 4 kept too"},
-        {dog_loaded, "feddogSec = 2; feddogUSec = 500000; feddogNme = \"gnssd\"; txFeddogHtDmNme = \"/w\";",
-            "0 2 500000 gnssd /w"},
+        {dog_loaded,
+         "feddogSec = 2; feddogUSec = 500000; feddogNme = \"gnssd\"; txFeddogHtDmNme = \"/w\";",
+         "0 2 500000 gnssd /w"},
         {dog_loaded, "feddogSec = -1; feddogUSec = \"x\"; feddogNme = 3; txFeddogHtDmNme = 4;",
-            "0 4294967295 4 kept too"},
+         "0 4294967295 4 kept too"},
         {dog_loaded, "feddogNme = \"" + name + "\"; txFeddogHtDmNme" + quoted,
-            "0 3 4 " + name.substr(0, 62) + " " + path.substr(0, 254)},
+         "0 3 4 " + name.substr(0, 62) + " " + path.substr(0, 254)},
         {dog_loaded, "-", "ERR self_dog: config_lookup(\"a.b\") err!!!!\n-15 3 4 kept too"},
     };
     for (const auto &row : table) {

@@ -26,7 +26,8 @@ template <typename tCtx> struct tDigest {
 };
 
 // Runs a test on each of the three.
-template <typename tTest> static void each(tTest test) {
+template <typename tTest> static void each(tTest test)
+{
     // clang-format off
     test(tDigest<md5_ctx>{
         "md5", 16, md5_buffer, md5_stream, md5_init_ctx, md5_process_block, md5_process_bytes,
@@ -42,19 +43,23 @@ template <typename tTest> static void each(tTest test) {
 
 // What `write` leaves at the odd address that it gets and gives back, in hexadecimal: `len` bytes,
 // not one more.
-template <typename tWrite> static string written(size_t len, tWrite write) {
+template <typename tWrite> static string written(size_t len, tWrite write)
+{
     string room(42, '\0'), digits;
     EXPECT_EQ(write(&room[1]), &room[1]);
     EXPECT_EQ(room.find_first_not_of('\0', len + 1), string::npos);
-    for (const char c : room.substr(1, len)) digits += {"0123456789abcdef"[c >> 4 & 15], "0123456789abcdef"[c & 15]};
+    for (const char c : room.substr(1, len))
+        digits += {"0123456789abcdef"[c >> 4 & 15], "0123456789abcdef"[c & 15]};
     return digits;
 }
 
-template <typename tAny> static string one_call(const tAny &d, const string &message) {
+template <typename tAny> static string one_call(const tAny &d, const string &message)
+{
     return written(d.len, [&](void *to) { return d.buffer(message.data(), message.size(), to); });
 }
 
-template <typename tAny> static string finished(tAny &d) {
+template <typename tAny> static string finished(tAny &d)
+{
     return written(d.len, [&](void *to) { return d.finish(&d.ctx, to); });
 }
 
@@ -82,27 +87,30 @@ const std::tuple<string, string, unsigned, string> gicVectors[] = {
 };
 // clang-format on
 
-TEST(Digests, PublishedVectors) {
+TEST(Digests, PublishedVectors)
+{
     each([](const auto &d) {
         for (const auto &[name, unit, times, wanted] : gicVectors) {
             string message;
-            for (size_t i = 0; i < times && name == d.name; i++) message += unit;
+            for (size_t i = 0; i < times && name == d.name; i++)
+                message += unit;
             EXPECT_TRUE(name != d.name || one_call(d, message) == wanted) << name << unit;
         }
     });
 }
 
 // Messages of every length, in pieces of every size, at every address.
-TEST(Digests, PiecesMakeTheWhole) {
+TEST(Digests, PiecesMakeTheWhole)
+{
     each([](auto d) {
         for (size_t len = 0; len < 3000; len += len < 300 ? 1 : 97) {
             const string message = noise(len), wanted = one_call(d, message);
 #ifdef KELVARA_HAVE_OPENSSL
             ASSERT_EQ(wanted, written(d.len, [&](void *to) {
-                EVP_Digest(message.data(), len, static_cast<unsigned char *>(to), nullptr, EVP_get_digestbyname(d.name),
-                    nullptr);
-                return to;
-            }));
+                          EVP_Digest(message.data(), len, static_cast<unsigned char *>(to), nullptr,
+                                     EVP_get_digestbyname(d.name), nullptr);
+                          return to;
+                      }));
 #endif
             for (size_t piece = 1; piece <= 129; piece++) {
                 const string room = string((len + piece) % 4, ' ') + message;
@@ -123,7 +131,8 @@ TEST(Digests, PiecesMakeTheWhole) {
 
 // The count of bytes carries into its high word at a block, or in the finish at the earliest (64
 // bytes pending). The padded message, with the length of that count, is made by hand here.
-TEST(Digests, TheCountHas64Bits) {
+TEST(Digests, TheCountHas64Bits)
+{
     each([](auto d) {
         for (const uint64_t low : {0xffffffc0u, 0xa0000000u})
             for (size_t len : {64u, 74u}) {
@@ -148,17 +157,20 @@ TEST(Digests, TheCountHas64Bits) {
 // A stream by a script: a number delivers so many bytes, -1 fails one read.
 using tSource = std::pair<std::vector<int>, string>;
 
-static ssize_t read_source(void *cookie, char *to, size_t len) {
+static ssize_t read_source(void *cookie, char *to, size_t len)
+{
     auto &[script, delivered] = *static_cast<tSource *>(cookie);
     const int step = script.empty() ? 0 : script[0];
     const size_t count = std::min(len, static_cast<size_t>(std::max(step, 0)));
-    if (!script.empty() && (script[0] -= static_cast<int>(count)) <= 0) script.erase(script.begin());
+    if (!script.empty() && (script[0] -= static_cast<int>(count)) <= 0)
+        script.erase(script.begin());
     delivered.append(count, static_cast<char>(delivered.size()));
     delivered.copy(to, count, delivered.size() - count);
     return step < 0 ? -1 : static_cast<ssize_t>(count);
 }
 
-TEST(Digests, StreamsThatEndFailAndReadShort) {
+TEST(Digests, StreamsThatEndFailAndReadShort)
+{
     // A failure that delivered something is not looked at: reading goes on, and only a read that
     // brings nothing finds the mark that the failure left.
     // clang-format off
@@ -171,7 +183,8 @@ TEST(Digests, StreamsThatEndFailAndReadShort) {
         for (const auto &c : cases) {
             const int failed = c.second;
             tSource source = {c.first, ""};
-            FILE *const stream = fopencookie(&source, "r", {read_source, nullptr, nullptr, nullptr});
+            FILE *const stream =
+                fopencookie(&source, "r", {read_source, nullptr, nullptr, nullptr});
             setvbuf(stream, nullptr, _IONBF, 0);
             const string got = written(failed ? 0 : d.len, [&](void *to) {
                 EXPECT_EQ(d.stream(stream, to), failed);

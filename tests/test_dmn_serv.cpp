@@ -14,33 +14,41 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-namespace {
+namespace
+{
 const std::string gicStop = "OFF dmn_serv: Wait _dmn_server_func_pth() pthread stop------\n"
                             "OFF dmn_serv: _dmn_server_func_pth() pthread already stop------\n";
 tTempDir gDir;
 const std::string gPath = gDir / "s";
 
-tDmnServCfg serv_cfg(const std::string &path = gPath) {
+tDmnServCfg serv_cfg(const std::string &path = gPath)
+{
     tDmnServCfg cfg = {};
     path.copy(cfg.dmNme, sizeof cfg.dmNme - 1);
     return cfg;
 }
 
-int broadcast(std::string text) { return dmn_serv_tx_clit_msg(&text[0], static_cast<int>(text.size())); }
+int broadcast(std::string text)
+{
+    return dmn_serv_tx_clit_msg(&text[0], static_cast<int>(text.size()));
+}
 
-void drain(int fd) {
+void drain(int fd)
+{
     for (char rest[256]; recv(fd, rest, sizeof rest, MSG_DONTWAIT) > 0;)
         ;
 }
 
-bool gets_some(int fd) {
+bool gets_some(int fd)
+{
     char byte;
     broadcast("?");
     return recv(fd, &byte, 1, MSG_DONTWAIT) == 1;
 }
 
 // A client that the server has admitted.
-int admitted() {
+int admitted()
+{
     const int fd = unix_connect_soon(gPath);
     EXPECT_TRUE(wait_until([&] { return gets_some(fd); }));
     drain(fd);
@@ -48,7 +56,8 @@ int admitted() {
 }
 
 // What is said while a server runs and `body` uses it.
-std::string served(const std::function<void()> &body) {
+std::string served(const std::function<void()> &body)
+{
     return tagged(output_of([&] {
         static tDmnServCfg cfg = serv_cfg();
         EXPECT_EQ(0, dmn_server_init(&cfg));
@@ -58,43 +67,49 @@ std::string served(const std::function<void()> &body) {
 }
 
 // Holds every call of `name` while `hold` is set.
-tCallRule holding(const std::string &name, const std::atomic<bool> &hold) {
+tCallRule holding(const std::string &name, const std::atomic<bool> &hold)
+{
     return [&hold, name](const tCall &call) {
-        if (name == call.name) EXPECT_TRUE(wait_until([&] { return !hold; }));
+        if (name == call.name)
+            EXPECT_TRUE(wait_until([&] { return !hold; }));
         return 0;
     };
 }
 } // namespace
 
-TEST(DmnServ, BroadcastsToAllOldestFirst) {
+TEST(DmnServ, BroadcastsToAllOldestFirst)
+{
     std::ofstream(gPath) << "left over by an earlier run";
     EXPECT_EQ(0, broadcast("to nobody"));
     const size_t tasks = threads_at_rest(), fds = open_descriptors();
     for (int round = 0; round < 2; ++round) {
         int clients[3];
         EXPECT_EQ(gicStop, served([&] {
-            for (int &fd : clients) fd = admitted();
-            for (int fd : clients) // what the later ones were admitted with
-                drain(fd);
-            EXPECT_EQ(1000, send(clients[1], std::string(1000, 'x').data(), 1000, 0));
-            // Before each write, who has the message already?
-            std::string got;
-            calls_watch([&](const tCall &call) {
-                char byte;
-                for (int fd : clients)
-                    if (call.name == std::string("write"))
-                        got += recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1 ? "+" : "-";
-                return 0;
-            });
-            EXPECT_EQ(0, broadcast(std::string("a\0\n%s", 5)));
-            calls_stop();
-            EXPECT_EQ("---+--++-", got);
-            EXPECT_EQ(0, broadcast(""));
-            char one[] = "b";
-            EXPECT_EQ(0, dmn_serv_tx_clit_msg(one, -1));
-            EXPECT_EQ(0, broadcast("c"));
-            for (int fd : clients) EXPECT_EQ(std::string("a\0\n%sc", 6), read_bytes(fd, 6));
-        }));
+                      for (int &fd : clients)
+                          fd = admitted();
+                      for (int fd : clients) // what the later ones were admitted with
+                          drain(fd);
+                      EXPECT_EQ(1000, send(clients[1], std::string(1000, 'x').data(), 1000, 0));
+                      // Before each write, who has the message already?
+                      std::string got;
+                      calls_watch([&](const tCall &call) {
+                          char byte;
+                          for (int fd : clients)
+                              if (call.name == std::string("write"))
+                                  got +=
+                                      recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1 ? "+" : "-";
+                          return 0;
+                      });
+                      EXPECT_EQ(0, broadcast(std::string("a\0\n%s", 5)));
+                      calls_stop();
+                      EXPECT_EQ("---+--++-", got);
+                      EXPECT_EQ(0, broadcast(""));
+                      char one[] = "b";
+                      EXPECT_EQ(0, dmn_serv_tx_clit_msg(one, -1));
+                      EXPECT_EQ(0, broadcast("c"));
+                      for (int fd : clients)
+                          EXPECT_EQ(std::string("a\0\n%sc", 6), read_bytes(fd, 6));
+                  }));
         for (int fd : clients) {
             EXPECT_EQ("", read_bytes(fd, 1));
             close(fd);
@@ -108,31 +123,34 @@ TEST(DmnServ, BroadcastsToAllOldestFirst) {
     EXPECT_EQ(SIG_IGN, signal(SIGPIPE, SIG_DFL));
 }
 
-TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody) {
+TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
+{
     for (const bool unread : {false, true}) {
         gLogLevl = unread ? LOG_LEV_ERROR : LOG_LEV_OFF; // the close notice passes every threshold
         EXPECT_EQ((unread ? "ERR dmn_serv: read() err, msg:Connection reset by peer!!!!\n"
                           : "OFF dmn_serv: Remote close------\n") +
                       gicStop,
-            served([&] {
-                const int stays = admitted(), leaves = admitted();
-                if (unread) broadcast("u");
-                drain(stays);
-                const size_t fds = open_descriptors();
-                close(leaves);
-                EXPECT_TRUE(wait_until([&] { return open_descriptors() == fds - 2; }));
-                calls_watch();
-                broadcast("x");
-                EXPECT_EQ(1U, calls_count("write"));
-                calls_stop();
-                EXPECT_EQ("x", read_bytes(stays, 1));
-                dmn_server_exit();
-                close(stays);
-            }));
+                  served([&] {
+                      const int stays = admitted(), leaves = admitted();
+                      if (unread)
+                          broadcast("u");
+                      drain(stays);
+                      const size_t fds = open_descriptors();
+                      close(leaves);
+                      EXPECT_TRUE(wait_until([&] { return open_descriptors() == fds - 2; }));
+                      calls_watch();
+                      broadcast("x");
+                      EXPECT_EQ(1U, calls_count("write"));
+                      calls_stop();
+                      EXPECT_EQ("x", read_bytes(stays, 1));
+                      dmn_server_exit();
+                      close(stays);
+                  }));
     }
 }
 
-TEST(DmnServ, SlowAndDeadClientsDoNotHoldUpTheOthers) {
+TEST(DmnServ, SlowAndDeadClientsDoNotHoldUpTheOthers)
+{
     served([&] {
         const int slow = admitted(), good = admitted(), dead = admitted();
         const std::string message(50000, 'm');
@@ -156,7 +174,8 @@ TEST(DmnServ, SlowAndDeadClientsDoNotHoldUpTheOthers) {
     });
 }
 
-TEST(DmnServ, AdmissionFailuresCloseTheConnection) {
+TEST(DmnServ, AdmissionFailuresCloseTheConnection)
+{
     const struct {
         const char *call;
         int err;
@@ -164,28 +183,30 @@ TEST(DmnServ, AdmissionFailuresCloseTheConnection) {
         bool closed;
     } table[] = {
         {"accept", EMFILE, "ERR dmn_serv: accept() err, msg=Too many open files!!!!!!\n", false},
-        {"calloc", ENOMEM, "ERR xfuncs: malloc() err!!!!\nERR dmn_serv: xzMalloc() err!!!!\n", true},
+        {"calloc", ENOMEM, "ERR xfuncs: malloc() err!!!!\nERR dmn_serv: xzMalloc() err!!!!\n",
+         true},
         {"event_new", 1, "ERR dmn_serv: event_new() err!!!!\n", true},
         {"setsockopt", EINVAL, "", false},
     };
     for (const auto &row : table)
         EXPECT_EQ(row.said + gicStop, served([&] {
-            const int first = admitted();
-            calls_watch(calls_fail(row.call, 1, row.err));
-            const int fd = unix_connect(gPath);
-            EXPECT_TRUE(wait_until([&] { return calls_count(row.call) > 0; }));
-            if (row.closed)
-                EXPECT_EQ("", read_bytes(fd, 1)) << row.call;
-            else // served, if need be after another try of accept()
-                EXPECT_TRUE(wait_until([&] { return gets_some(fd); })) << row.call;
-            calls_stop();
-            dmn_server_exit();
-            close(first);
-            close(fd);
-        }));
+                      const int first = admitted();
+                      calls_watch(calls_fail(row.call, 1, row.err));
+                      const int fd = unix_connect(gPath);
+                      EXPECT_TRUE(wait_until([&] { return calls_count(row.call) > 0; }));
+                      if (row.closed)
+                          EXPECT_EQ("", read_bytes(fd, 1)) << row.call;
+                      else // served, if need be after another try of accept()
+                          EXPECT_TRUE(wait_until([&] { return gets_some(fd); })) << row.call;
+                      calls_stop();
+                      dmn_server_exit();
+                      close(first);
+                      close(fd);
+                  }));
 }
 
-TEST(DmnServ, ServesOnAHostsOwnBase) {
+TEST(DmnServ, ServesOnAHostsOwnBase)
+{
     tDmnServCfg cfg = serv_cfg();
     const size_t fds = open_descriptors();
     for (int round = 0; round < 2; ++round) {
@@ -204,24 +225,27 @@ TEST(DmnServ, ServesOnAHostsOwnBase) {
     }
 }
 
-TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack) {
+TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack)
+{
     tDmnServCfg cfg = serv_cfg();
     event_base *base = event_base_new();
     const int saved = dup(0);
     for (const bool clientOnZero : {false, true}) {
         EXPECT_EQ(clientOnZero ? "ERR dmn_serv: aicFd=0 err!!!!\n" : "", tagged(output_of([&] {
-            if (!clientOnZero) close(0);
-            ASSERT_EQ(0, _dmn_server_init(base, &cfg));
-            const int fd = unix_connect(gPath);
-            if (clientOnZero) close(0);
-            event_base_loop(base, EVLOOP_ONCE);
-            EXPECT_NE(-1, fcntl(0, F_GETFD));
-            for (int i = 0; i < 20; ++i) // would wait for ever on a blocking descriptor
-                EXPECT_EQ(0, broadcast(std::string(100000, 'm')));
-            dmn_server_exit();
-            EXPECT_EQ(-1, fcntl(0, F_GETFD));
-            close(fd);
-        })));
+                      if (!clientOnZero)
+                          close(0);
+                      ASSERT_EQ(0, _dmn_server_init(base, &cfg));
+                      const int fd = unix_connect(gPath);
+                      if (clientOnZero)
+                          close(0);
+                      event_base_loop(base, EVLOOP_ONCE);
+                      EXPECT_NE(-1, fcntl(0, F_GETFD));
+                      for (int i = 0; i < 20; ++i) // would wait for ever on a blocking descriptor
+                          EXPECT_EQ(0, broadcast(std::string(100000, 'm')));
+                      dmn_server_exit();
+                      EXPECT_EQ(-1, fcntl(0, F_GETFD));
+                      close(fd);
+                  })));
         dup2(saved, 0);
     }
     event_base_free(base);
@@ -232,15 +256,18 @@ TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack) {
 
 // Senders without a pause keep the read lock busy all the time; a client still comes and goes, and
 // the server stops. With and without the host's having switched libevent's locks on.
-TEST(DmnServ, SendersAtAnyTimeKeepNobodyWaiting) {
+TEST(DmnServ, SendersAtAnyTimeKeepNobodyWaiting)
+{
     std::atomic<bool> run{true};
     std::vector<std::thread> senders;
     for (int i = 0; i < 4; ++i)
         senders.emplace_back([&] {
-            while (run) broadcast("s");
+            while (run)
+                broadcast("s");
         });
     for (int round = 0; round < 20; ++round) {
-        if (round == 10) evthread_use_pthreads();
+        if (round == 10)
+            evthread_use_pthreads();
         std::chrono::steady_clock::time_point start;
         served([&] {
             const int fd = unix_connect_soon(gPath);
@@ -251,11 +278,13 @@ TEST(DmnServ, SendersAtAnyTimeKeepNobodyWaiting) {
         EXPECT_LT(ms_since(start), 5000);
     }
     run = false;
-    for (auto &one : senders) one.join();
+    for (auto &one : senders)
+        one.join();
 }
 
 // While one sender holds the registry and the stop waits for it, the next sender stands behind.
-TEST(DmnServ, StopGoesBeforeLaterSenders) {
+TEST(DmnServ, StopGoesBeforeLaterSenders)
+{
     served([&] {
         const int fd = admitted();
         std::atomic<bool> hold{true};
@@ -269,7 +298,8 @@ TEST(DmnServ, StopGoesBeforeLaterSenders) {
         nap(100);
         EXPECT_EQ(1U, calls_count("write"));
         hold = false;
-        for (std::thread *one : {&first, &stop, &second}) one->join();
+        for (std::thread *one : {&first, &stop, &second})
+            one->join();
         calls_stop();
         EXPECT_EQ("1", read_bytes(fd, 2));
         close(fd);
@@ -277,7 +307,8 @@ TEST(DmnServ, StopGoesBeforeLaterSenders) {
 }
 
 // A sender cancelled in the middle of a broadcast leaves no lock behind.
-TEST(DmnServ, CancelledSenderLeavesTheRegistryUsable) {
+TEST(DmnServ, CancelledSenderLeavesTheRegistryUsable)
+{
     served([&] { // the stop takes the write lock
         const int fd = admitted();
         std::atomic<bool> hold{true};

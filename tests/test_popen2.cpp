@@ -18,18 +18,24 @@ constexpr int gicHuge = 100000000; // 400 MB, if the table were touched
 static std::string gSent; // the signals, each with what was held back when it came
 static int gKillErr;
 
-static std::string _held() {
+static std::string _held()
+{
     std::string held = " holding";
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    for (int sig = 1; sig < 32; sig++) held += sigismember(&mask, sig) ? " " + std::to_string(sig) : "";
+    for (int sig = 1; sig < 32; sig++)
+        held += sigismember(&mask, sig) ? " " + std::to_string(sig) : "";
     return held;
 }
 
-static FILE *_open(std::string program, std::string type) { return popen2(program.data(), type.data()); }
+static FILE *_open(std::string program, std::string type)
+{
+    return popen2(program.data(), type.data());
+}
 
 // Waits for any child: its exit status, or 1000 for one that a signal ended.
-static int _reap() {
+static int _reap()
+{
     int status = 0;
     EXPECT_GT(wait(&status), 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000;
@@ -37,32 +43,38 @@ static int _reap() {
 
 // Without some of the standard descriptors, and with a table that ends so many slots after the
 // stream's descriptor. Each command ends only if it holds no copy of the host's end of the pipe.
-[[noreturn]] static void _run(bool reads, int aicClosed, int aicBeyond) {
+[[noreturn]] static void _run(bool reads, int aicClosed, int aicBeyond)
+{
     alarm(20);
     signal(SIGPIPE, SIG_DFL);
     for (int fd = 0; fd < 3; fd++)
-        if (aicClosed & 1 << fd) close(fd);
+        if (aicClosed & 1 << fd)
+            close(fd);
     const int next = open("/", O_RDONLY);
     close(next);
     calls_watch(calls_fail("getdtablesize", 1, -next - aicBeyond)); // gives the negated number
     FILE *stream = _open(reads ? "echo word; exec yes" : "exit $(wc -c)", reads ? "r" : "w");
     char line[16] = "word\n";
-    if (!stream || (reads ? !fgets(line, 16, stream) : fputs("seven\n\n", stream) < 0)) _exit(1);
+    if (!stream || (reads ? !fgets(line, 16, stream) : fputs("seven\n\n", stream) < 0))
+        _exit(1);
     const bool known = pclose2(stream) == 0;
-    if (known != (aicBeyond > 0) || known == gSent.empty() || (!known && fclose(stream) != 0)) _exit(2);
+    if (known != (aicBeyond > 0) || known == gSent.empty() || (!known && fclose(stream) != 0))
+        _exit(2);
     rusage use;
     getrusage(RUSAGE_SELF, &use);
     _exit(strcmp(line, "word\n") || _reap() != (reads ? 1000 : 7) || use.ru_maxrss > 300000);
 }
 
 // Nothing is really sent: who knows whom it would hit.
-extern "C" int kill(pid_t pid, int sig) noexcept {
+extern "C" int kill(pid_t pid, int sig) noexcept
+{
     gSent += std::to_string(pid) + " gets " + std::to_string(sig) + _held();
     errno = gKillErr;
     return gKillErr ? -1 : 0;
 }
 
-TEST(Popen2, EndsTheProcessAfterTheShell) {
+TEST(Popen2, EndsTheProcessAfterTheShell)
+{
     EXPECT_EQ(pclose2(stdin), -1); // there is no table yet
     sigset_t mine;
     sigemptyset(&mine);
@@ -76,7 +88,8 @@ TEST(Popen2, EndsTheProcessAfterTheShell) {
         gKillErr = err;
         calls_watch();
         EXPECT_EQ(pclose2(stream), err ? -1 : 0);
-        EXPECT_EQ(calls_seen(), (std::vector<std::string>{"pthread_setcancelstate", "fclose", "sigprocmask", "kill",
+        EXPECT_EQ(calls_seen(), (std::vector<std::string>{
+                                    "pthread_setcancelstate", "fclose", "sigprocmask", "kill",
                                     "pthread_sigmask", "sigprocmask", "pthread_setcancelstate"}));
         EXPECT_EQ(gSent, std::to_string(atoi(line) + 1) + " gets 15 holding 1 2 3 10");
         EXPECT_EQ(_held(), " holding 10");
@@ -87,28 +100,33 @@ TEST(Popen2, EndsTheProcessAfterTheShell) {
     }
 }
 
-TEST(Popen2, AnyDescriptorsAndAnyTableSize) {
+TEST(Popen2, AnyDescriptorsAndAnyTableSize)
+{
     for (int i = 0; i < 19; i++) {
         const int beyond = i < 16 ? 30 : (i == 16 ? 0 : i == 17 ? 1 : gicHuge);
         EXPECT_EXIT(_run(i % 2, i / 2 % 8, beyond), testing::ExitedWithCode(0), "") << i;
     }
 }
 
-TEST(Popen2, CommandHoldsEarlierEndsButNotItsOwn) {
+TEST(Popen2, CommandHoldsEarlierEndsButNotItsOwn)
+{
     FILE *first = _open("read line", "w");
     int ends[2]; // the next pipe gets the same descriptors
     ASSERT_EQ(pipe(ends), 0);
     std::string program = "for n in";
-    for (int fd : {fileno(first), ends[0], ends[1]}) program += " " + std::to_string(fd);
+    for (int fd : {fileno(first), ends[0], ends[1]})
+        program += " " + std::to_string(fd);
     close(ends[0]);
     close(ends[1]);
-    FILE *second = _open(program + "; do [ -e /proc/self/fd/$n ]; all=$all$?; done; exit $all", "r");
+    FILE *second =
+        _open(program + "; do [ -e /proc/self/fd/$n ]; all=$all$?; done; exit $all", "r");
     EXPECT_EQ(_reap(), 11); // found, missing, missing
     EXPECT_EQ(pclose2(second) + pclose2(first), 0);
     EXPECT_EQ(_reap(), 1); // end of file instead of a line
 }
 
-TEST(Popen2, FailuresLeaveNothingBehind) {
+TEST(Popen2, FailuresLeaveNothingBehind)
+{
     calls_watch();
     for (const char *type : {"", "x", "rw", "wr", "r+", "w+", "re", "rr", "R", " r"})
         EXPECT_EQ(_open("exit 0", type), nullptr) << type;

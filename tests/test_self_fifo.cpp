@@ -9,7 +9,8 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // Random batches against a string. The slots, and what is handed in or out, end at a wall.
-TEST(self_fifo, model) {
+TEST(self_fifo, model)
+{
     std::mt19937 rng(3);
     char *slots = wall(), *outside = wall();
     for (uint32_t depth = 0; depth < 40; depth++) {
@@ -50,7 +51,8 @@ TEST(self_fifo, model) {
 }
 
 // Just before the lock is taken another thread's call takes the last room, or the last element.
-TEST(self_fifo, test_and_update_are_one_step) {
+TEST(self_fifo, test_and_update_are_one_step)
+{
     int slots[2] = {}, mine = 1, other = 2;
     tFifo fifo;
     fifo_init(&fifo, slots, sizeof mine, 2);
@@ -66,7 +68,8 @@ TEST(self_fifo, test_and_update_are_one_step) {
 }
 
 // Every element arrives once, and those of one producer in its order.
-TEST(self_fifo, many_producers_and_consumers) {
+TEST(self_fifo, many_producers_and_consumers)
+{
     unsigned slots[2];
     tFifo fifo;
     fifo_init(&fifo, slots, sizeof slots[0], 2);
@@ -78,12 +81,14 @@ TEST(self_fifo, many_producers_and_consumers) {
             for (unsigned i = 1; i <= 20000; i++) {
                 unsigned v = i * 4 + t;
                 for (const auto call : {fifo_add_one, fifo_get_one})
-                    while (!call(&fifo, &v)) sched_yield();
+                    while (!call(&fifo, &v))
+                        sched_yield();
                 disorder += v <= std::exchange(last[v % 4], v);
                 sum += v;
             }
         });
-    for (std::thread &t : threads) t.join();
+    for (std::thread &t : threads)
+        t.join();
     EXPECT_EQ(disorder, 0u);
     EXPECT_EQ(sum, 16u * 10000 * 20001 + 6 * 20000);
 }

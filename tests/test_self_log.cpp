@@ -13,21 +13,26 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 static const eLogLevl gicDbLev = LOG_LEV_INFO;
 
-namespace {
+namespace
+{
 tTempDir gDir;
 
-tLogCfg log_cfg(eLogRunMod mode, eLogSwitch console, const std::string &path = "", uint32_t max = 0) {
+tLogCfg log_cfg(eLogRunMod mode, eLogSwitch console, const std::string &path = "", uint32_t max = 0)
+{
     tLogCfg cfg = {mode, LOG_FILE_TWO, max, console, LOG_SWITCH_ON, ""};
-    if (path.empty()) cfg.fileLogSwt = LOG_SWITCH_OFF;
+    if (path.empty())
+        cfg.fileLogSwt = LOG_SWITCH_OFF;
     path.copy(cfg.saveLogPath, sizeof cfg.saveLogPath - 1);
     return cfg;
 }
-tLogCfg file_cfg(const std::string &path, uint32_t max, eLogRunMod mode = LOG_RUN_MAIN_PROGRESS) {
+tLogCfg file_cfg(const std::string &path, uint32_t max, eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
+{
     return log_cfg(mode, LOG_SWITCH_OFF, path, max);
 }
 
 // What is said while the service runs and `body` logs.
-std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int ret = 0) {
+std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int ret = 0)
+{
     return output_of([&] {
         EXPECT_EQ(ret, log_system_init(&cfg));
         body();
@@ -35,21 +40,26 @@ std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int re
     });
 }
 
-std::vector<std::string> lines_of(const std::string &text) {
+std::vector<std::string> lines_of(const std::string &text)
+{
     std::vector<std::string> lines;
     for (size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
         lines.push_back(text.substr(at, end - at));
     return lines;
 }
 
-void in_threads(int count, const std::function<void(int)> &body) {
+void in_threads(int count, const std::function<void(int)> &body)
+{
     std::vector<std::thread> pool;
-    for (int t = 0; t < count; ++t) pool.emplace_back(body, t);
-    for (auto &one : pool) one.join();
+    for (int t = 0; t < count; ++t)
+        pool.emplace_back(body, t);
+    for (auto &one : pool)
+        one.join();
 }
 } // namespace
 
-TEST(Log, LineHasTagTimeFileLineAndBody) {
+TEST(Log, LineHasTagTimeFileLineAndBody)
+{
     const struct {
         unsigned level;
         const char *file;
@@ -69,8 +79,10 @@ TEST(Log, LineHasTagTimeFileLineAndBody) {
     tzset();
     for (const auto &row : table) {
         const time_t now = time(nullptr);
-        std::string got = output_of(
-            [&] { log_msg(static_cast<eLogLevl>(row.level), row.file, "func", row.line, "%d %s\n", 7, "bottles"); });
+        std::string got = output_of([&] {
+            log_msg(static_cast<eLogLevl>(row.level), row.file, "func", row.line, "%d %s\n", 7,
+                    "bottles");
+        });
         ASSERT_GT(got.size(), 23U);
         EXPECT_TRUE(std::regex_match(got.substr(13, 9), std::regex("\\.00\\d{6}"))) << got;
         bool timely = false;
@@ -84,7 +96,8 @@ TEST(Log, LineHasTagTimeFileLineAndBody) {
     }
 }
 
-TEST(Log, TooLongIsCutAt1022) {
+TEST(Log, TooLongIsCutAt1022)
+{
     const std::string longText(2000, 'x');
     for (const auto &log : std::initializer_list<std::function<void()>>{
              [&] { log_msg(LOG_LEV_OFF, "a", "f", 1, "%s\n", longText.c_str()); },
@@ -96,24 +109,28 @@ TEST(Log, TooLongIsCutAt1022) {
     }
 }
 
-TEST(Log, MacroObeysThresholdAndCeiling) {
+TEST(Log, MacroObeysThresholdAndCeiling)
+{
     for (const unsigned threshold : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 0xffffffffU})
         for (unsigned level = 0; level <= LOG_LEV_LOUD; ++level) {
             gLogLevl = static_cast<eLogLevl>(threshold);
             int evaluated = 0;
-            const std::string got = output_of([&] { LOG_MSG(static_cast<eLogLevl>(level), "%d\n", ++evaluated); });
+            const std::string got =
+                output_of([&] { LOG_MSG(static_cast<eLogLevl>(level), "%d\n", ++evaluated); });
             const bool wanted = level <= threshold && level <= gicDbLev;
             EXPECT_EQ(wanted ? 1 : 0, evaluated) << threshold << " " << level;
             EXPECT_EQ(wanted ? 1U : 0U, count_of(got, " test_self_log.cpp "));
         }
 }
 
-TEST(Log, ThresholdChange) {
+TEST(Log, ThresholdChange)
+{
     for (const int value : {0, 1, 6, 7, 8, -1, INT_MIN}) {
         const bool good = value >= 0 && value <= 7;
         const std::string text = std::to_string(value);
-        EXPECT_EQ("gLogLevl=" + text + "\n" +
-                      (good ? "" : "Input debug level(" + text + ") err, set 2 value\nNew gLogLevl=2\n"),
+        EXPECT_EQ(
+            "gLogLevl=" + text + "\n" +
+                (good ? "" : "Input debug level(" + text + ") err, set 2 value\nNew gLogLevl=2\n"),
             output_of([&] { set_global_log_level(static_cast<eLogLevl>(value)); }));
         EXPECT_EQ(good ? value : 2, static_cast<int>(gLogLevl));
     }
@@ -121,7 +138,8 @@ TEST(Log, ThresholdChange) {
     EXPECT_EQ("abc%s\n", output_of([] { logger(99, -1, "abc%s\n"); }));
 }
 
-TEST(LogInit, SaysWhatItStartsAndStops) {
+TEST(LogInit, SaysWhatItStartsAndStops)
+{
     tLogCfg quiet = log_cfg(LOG_RUN_MAX, LOG_SWITCH_MAX), bad = file_cfg(gDir / "b", 1);
     quiet.fileMod = bad.fileMod = static_cast<eLogFileMod>(5); // looked at for a file only
     const tLogCfg loud = log_cfg(LOG_RUN_MAIN_PROGRESS, LOG_SWITCH_ON, gDir / "l", 1);
@@ -134,9 +152,9 @@ TEST(LogInit, SaysWhatItStartsAndStops) {
         {&quiet, 0, "File log close\nStdout log close\nLog no create pthread\n", ""},
         {&bad, -40960, "Save log path=" + (gDir / "b") + "\nfileMod=5 err!!!!\n", ""},
         {&loud, 0,
-            "Save log path=" + (gDir / "l") + "\nNew save log path=" + (gDir / "l-00.log") +
-                "\nLog no create pthread\n",
-            "line\n"},
+         "Save log path=" + (gDir / "l") + "\nNew save log path=" + (gDir / "l-00.log") +
+             "\nLog no create pthread\n",
+         "line\n"},
     };
     EXPECT_EQ("", output_of([] { EXPECT_EQ(0, log_system_exit()); }));
     for (const auto &row : table) {
@@ -148,7 +166,8 @@ TEST(LogInit, SaysWhatItStartsAndStops) {
     EXPECT_EQ("line\n", slurp(gDir / "l-00.log"));
 }
 
-TEST(LogInit, DefaultsForCountAndPath) {
+TEST(LogInit, DefaultsForCountAndPath)
+{
     const std::string said = output_of([] {
         const tLogCfg cfg = log_cfg(LOG_RUN_MAIN_PROGRESS, LOG_SWITCH_OFF, std::string(1, '\0'));
         calls_watch(calls_fail("fopen", 0, EACCES));
@@ -157,15 +176,17 @@ TEST(LogInit, DefaultsForCountAndPath) {
     });
     EXPECT_EQ("Save log path=/opt/v2x/log/v2xLog\nNew save log path=/opt/v2x/log/v2xLog-00.log\n"
               "fopen() err!!!!\n",
-        said);
+              said);
     logged(file_cfg(gDir / "d", 0), [] {
-        for (int i = 0; i < 10001; ++i) logger(0, 0, "x\n");
+        for (int i = 0; i < 10001; ++i)
+            logger(0, 0, "x\n");
     });
     EXPECT_EQ(20000U, slurp(gDir / "d-01.log").size());
     EXPECT_EQ("x\n", slurp(gDir / "d-00.log"));
 }
 
-TEST(LogRotation, TwoFilesInTurn) {
+TEST(LogRotation, TwoFilesInTurn)
+{
     const struct {
         uint32_t max, writes;
         const char *even, *odd; // what the files named by an even and an odd count hold at the end
@@ -182,57 +203,66 @@ TEST(LogRotation, TwoFilesInTurn) {
         const std::string names[] = {path + "-00.log", path + "-01.log"};
         const unsigned first = named++;
         const std::string said = logged(file_cfg(path, row.max), [&] {
-            for (unsigned i = 1; i <= row.writes; ++i) logger(0, 0, std::to_string(i).c_str());
+            for (unsigned i = 1; i <= row.writes; ++i)
+                logger(0, 0, std::to_string(i).c_str());
         });
         EXPECT_EQ(row.even, slurp(names[first % 2])) << row.max << " " << row.writes;
         EXPECT_EQ(row.odd, slurp(names[(first + 1) % 2]));
         for (uint64_t i = 1; i * row.max < row.writes; ++i)
-            EXPECT_NE(std::string::npos, said.find("logSaveMaxCnt=" + std::to_string(row.max) +
-                                                   "\nrotate start\nNew save log path=" + names[named++ % 2] + "\n"));
+            EXPECT_NE(std::string::npos,
+                      said.find("logSaveMaxCnt=" + std::to_string(row.max) +
+                                "\nrotate start\nNew save log path=" + names[named++ % 2] + "\n"));
     }
 }
 
-TEST(LogRotation, TimeNamesAndCutNames) {
+TEST(LogRotation, TimeNamesAndCutNames)
+{
     tLogCfg cfg = file_cfg(gDir / "t", 1);
     cfg.fileMod = LOG_FILE_TIME;
     const std::string said = logged(cfg, [] {
-        for (int i = 0; i < 5; ++i) logger(0, 0, "x");
+        for (int i = 0; i < 5; ++i)
+            logger(0, 0, "x");
     });
     char day[32];
     const time_t now = time(nullptr);
     strftime(day, sizeof day, "%Y-%m-%d", localtime(&now));
-    const std::regex name(
-        "New save log path=" + (gDir / "t") + "-" + day + R"(-[0-2]\d-[0-5]\d-[0-6]\d-0\d{5}\.log\n)");
+    const std::regex name("New save log path=" + (gDir / "t") + "-" + day +
+                          R"(-[0-2]\d-[0-5]\d-[0-6]\d-0\d{5}\.log\n)");
     EXPECT_EQ(5, std::distance(std::sregex_iterator(said.begin(), said.end(), name), {}));
     // A base name of 250 characters leaves four for the ending: "-YYY" of "-YYYY", or "-00.".
     const std::string base = (gDir / "t") + std::string(250 - (gDir / "t").size(), '/');
     cfg = file_cfg(base, 1);
     EXPECT_EQ(1U, count_of(logged(
                                cfg, [] {}, -4),
-                      "New save log path=" + base + "-00.\n"));
+                           "New save log path=" + base + "-00.\n"));
     cfg.fileMod = LOG_FILE_TIME;
     day[3] = '\0';
     EXPECT_EQ(1U, count_of(logged(
                                cfg, [] {}, -4),
-                      "New save log path=" + base + "-" + day + "\n"));
+                           "New save log path=" + base + "-" + day + "\n"));
 }
 
-TEST(LogRotation, LostFolderEndsFileOutputOnly) {
+TEST(LogRotation, LostFolderEndsFileOutputOnly)
+{
     const std::string sub = gDir / "sub";
     ASSERT_EQ(0, system(("mkdir " + sub).c_str()));
-    const std::string said = logged(log_cfg(LOG_RUN_MAIN_PROGRESS, LOG_SWITCH_ON, sub + "/f", 1), [&] {
-        EXPECT_EQ(0, system(("rm -r " + sub).c_str()));
-        for (const char *text : {"1\n", "2\n", "3\n"}) logger(0, 0, text);
-    });
+    const std::string said =
+        logged(log_cfg(LOG_RUN_MAIN_PROGRESS, LOG_SWITCH_ON, sub + "/f", 1), [&] {
+            EXPECT_EQ(0, system(("rm -r " + sub).c_str()));
+            for (const char *text : {"1\n", "2\n", "3\n"})
+                logger(0, 0, text);
+        });
     EXPECT_EQ(1U, count_of(said, "1\n2\nlogSaveMaxCnt=1\nrotate start\nNew save log path=" + sub +
                                      "/f-01.log\nfopen() err!!!!\n3\n"))
         << said;
 }
 
-TEST(LogDirect, ManyThreadsLoseAndTearNothingAcrossRotations) {
+TEST(LogDirect, ManyThreadsLoseAndTearNothingAcrossRotations)
+{
     logged(file_cfg(gDir / "m", 300), [] {
         in_threads(8, [](int t) {
-            for (int i = 0; i < 500; ++i) log_msg(LOG_LEV_OFF, "m", "f", t, "%d of a line that is whole\n", i);
+            for (int i = 0; i < 500; ++i)
+                log_msg(LOG_LEV_OFF, "m", "f", t, "%d of a line that is whole\n", i);
         });
     });
     // 4000 writes: thirteen full files of 300, of which the last one stays, and 100 in the next.
@@ -240,20 +270,24 @@ TEST(LogDirect, ManyThreadsLoseAndTearNothingAcrossRotations) {
     EXPECT_EQ(300U, count_of(older, "\n"));
     EXPECT_EQ(100U, count_of(newer, "\n"));
     auto lines = lines_of(older + newer);
-    for (auto &line : lines) line.erase(5, 17); // the time apart, each one is unique
+    for (auto &line : lines)
+        line.erase(5, 17); // the time apart, each one is unique
     const std::regex whole("\\[OFF: +m \\d{4}\\] \\d+ of a line that is whole");
-    for (auto &line : lines) EXPECT_TRUE(std::regex_match(line, whole)) << line;
+    for (auto &line : lines)
+        EXPECT_TRUE(std::regex_match(line, whole)) << line;
     std::sort(lines.begin(), lines.end());
     EXPECT_EQ(lines.end(), std::unique(lines.begin(), lines.end()));
 }
 
-TEST(LogWriter, EveryLineArrivesWholeAndInOrderBeforeExitReturns) {
+TEST(LogWriter, EveryLineArrivesWholeAndInOrderBeforeExitReturns)
+{
     const size_t tasks = threads_at_rest(), fds = open_descriptors();
     for (int round = 0; round < 5; ++round) {
         const std::string path = gDir / ("w" + std::to_string(round));
         const std::string said = logged(file_cfg(path, 1000000, LOG_RUN_NEW_PTHREAD), [] {
             in_threads(4, [](int t) {
-                for (int i = 0; i < 300; ++i) log_msg(LOG_LEV_OFF, "w", "f", t, "%d\n", i);
+                for (int i = 0; i < 300; ++i)
+                    log_msg(LOG_LEV_OFF, "w", "f", t, "%d\n", i);
             });
         });
         EXPECT_TRUE(std::regex_search(said, std::regex("giLogPpFdAry=\\d+ \\d+\n")));
@@ -273,13 +307,16 @@ TEST(LogWriter, EveryLineArrivesWholeAndInOrderBeforeExitReturns) {
     }
 }
 
-TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd) {
+TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
+{
     const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 20; ++i) logged(log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON), [] { nap(1); });
+    for (int i = 0; i < 20; ++i)
+        logged(log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON), [] { nap(1); });
     EXPECT_LT(ms_since(start), 1000); // a turn takes 100 ms
 }
 
-TEST(LogWriter, FailuresOfItsStart) {
+TEST(LogWriter, FailuresOfItsStart)
+{
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
     const bool high = limit.rlim_max > 1200;
@@ -297,8 +334,10 @@ TEST(LogWriter, FailuresOfItsStart) {
     const size_t tasks = threads_at_rest(), fds = open_descriptors();
     for (const auto &row : table) {
         std::vector<int> used;
-        while (row.err == 0 && high && (used.empty() || used.back() < FD_SETSIZE - 1)) used.push_back(dup(2));
-        if (row.err == 0 && !high) continue;
+        while (row.err == 0 && high && (used.empty() || used.back() < FD_SETSIZE - 1))
+            used.push_back(dup(2));
+        if (row.err == 0 && !high)
+            continue;
         const std::string said = output_of([&] {
             calls_watch(calls_fail(row.call, 1, row.err));
             const tLogCfg cfg = log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON);
@@ -308,16 +347,20 @@ TEST(LogWriter, FailuresOfItsStart) {
         });
         EXPECT_EQ(1U, count_of(said, row.said)) << said;
         EXPECT_EQ(row.ret == -3 ? 1U : 0U, count_of(said, "already stop"));
-        for (int fd : used) close(fd);
+        for (int fd : used)
+            close(fd);
         EXPECT_TRUE(threads_settle_at(tasks));
         EXPECT_EQ(fds, open_descriptors());
     }
 }
 
-TEST(LogWriter, GoesOnAfterFailingCalls) {
+TEST(LogWriter, GoesOnAfterFailingCalls)
+{
     calls_watch([](const tCall &call) {
         const std::string name = call.name;
-        return name == "select" && call.nth == 2 ? EINTR : name == "read" && call.nth == 1 ? EIO : 0;
+        return name == "select" && call.nth == 2 ? EINTR
+               : name == "read" && call.nth == 1 ? EIO
+                                                 : 0;
     });
     const std::string said = logged(log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON), [] {
         EXPECT_TRUE(wait_until([] { return calls_count("select") > 3; }));

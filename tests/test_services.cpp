@@ -26,19 +26,22 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-namespace {
+namespace
+{
 tTempDir gDir;
 std::atomic<bool> gStruck{false}; // the scenario shall go straight to its exit call
 long gExitMs;                     // how long that took
 
 // Waits for something of the service's, unless the stop strikes or a failure has made it vain.
-bool await(const std::function<bool()> &done) {
+bool await(const std::function<bool()> &done)
+{
     bool met = false;
     calls_uncounted([&] { met = wait_until([&] { return gStruck || done(); }, 300); });
     return met && !gStruck;
 }
 
-void timed_exit(int (*exitCall)()) {
+void timed_exit(int (*exitCall)())
+{
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, exitCall());
     gExitMs = ms_since(start);
@@ -46,28 +49,39 @@ void timed_exit(int (*exitCall)()) {
 
 // --- scenarios: each a whole life, which tells whether all of it worked -----------------------
 
-bool log_life(eLogRunMod mode) {
+bool log_life(eLogRunMod mode)
+{
     tLogCfg cfg = {mode, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_ON, ""};
     snprintf(cfg.saveLogPath, sizeof cfg.saveLogPath, "%s/log", gDir.path.c_str());
     const int ret = log_system_init(&cfg);
     EXPECT_TRUE(ret == 0 || ret == -2 || ret == -3 || ret == -4) << ret;
     for (unsigned i = 1; i <= 3; ++i) {
         logger(0, 0, "line\n");
-        if (mode == LOG_RUN_NEW_PTHREAD && ret == 0) await([=] { return calls_count("read") >= i; });
+        if (mode == LOG_RUN_NEW_PTHREAD && ret == 0)
+            await([=] { return calls_count("read") >= i; });
     }
     timed_exit(log_system_exit);
     size_t lines = 0;
     calls_uncounted([&] {
-        for (const char *name : {"log-00.log", "log-01.log"}) lines += count_of(slurp(gDir / name), "line\n");
+        for (const char *name : {"log-00.log", "log-01.log"})
+            lines += count_of(slurp(gDir / name), "line\n");
         (void)!system(("rm -f " + (gDir / "log") + "*").c_str());
     });
-    if (gStruck) EXPECT_EQ(3U, lines); // a stop loses nothing, wherever it strikes
+    if (gStruck)
+        EXPECT_EQ(3U, lines); // a stop loses nothing, wherever it strikes
     return ret == 0 && lines == 3;
 }
-bool direct_log_life() { return log_life(LOG_RUN_MAIN_PROGRESS); }
-bool writer_log_life() { return log_life(LOG_RUN_NEW_PTHREAD); }
+bool direct_log_life()
+{
+    return log_life(LOG_RUN_MAIN_PROGRESS);
+}
+bool writer_log_life()
+{
+    return log_life(LOG_RUN_NEW_PTHREAD);
+}
 
-bool server_life() {
+bool server_life()
+{
     static tDmnServCfg cfg;
     snprintf(cfg.dmNme, sizeof cfg.dmNme, "%s/serv", gDir.path.c_str());
     const int ret = dmn_server_init(&cfg);
@@ -76,7 +90,8 @@ bool server_life() {
     char msg[] = "message", got = 0;
     const auto connected = [&](int *fd) {
         return await([&] {
-            if (*fd == -1 && (*fd = unix_connect(gDir / "serv")) == -1) return false;
+            if (*fd == -1 && (*fd = unix_connect(gDir / "serv")) == -1)
+                return false;
             char byte[] = "?";
             dmn_serv_tx_clit_msg(byte, 1);
             return recv(*fd, &got, 1, MSG_DONTWAIT) == 1;
@@ -100,7 +115,8 @@ bool server_life() {
 }
 
 // Ends on its own: there is nothing to bind to, or no configuration at all.
-bool server_that_cannot() {
+bool server_that_cannot()
+{
     static tDmnServCfg cfg = {"/no/such/folder/serv"};
     for (tDmnServCfg *pCfg : {&cfg, static_cast<tDmnServCfg *>(nullptr)}) {
         dmn_server_init(pCfg);
@@ -110,7 +126,8 @@ bool server_that_cannot() {
     return true;
 }
 
-bool dog_life() {
+bool dog_life()
+{
     static tFeddogCfg cfg = {0, 1000, "driver", ""};
     snprintf(cfg.txFeddogHtDmNme, sizeof cfg.txFeddogHtDmNme, "%s/dog", gDir.path.c_str());
     int dog = -1, fd = -1;
@@ -121,7 +138,8 @@ bool dog_life() {
     const int ret = self_feddog_init(&cfg);
     EXPECT_TRUE(ret == 0 || ret == -11) << ret;
     char got[11];
-    const bool worked = ret == 0 && await([&] { return (fd = accept(dog, nullptr, nullptr)) != -1; }) &&
+    const bool worked = ret == 0 &&
+                        await([&] { return (fd = accept(dog, nullptr, nullptr)) != -1; }) &&
                         await([&] { return recv(fd, got, sizeof got, MSG_DONTWAIT) == 11; }) &&
                         await([&] { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; });
     calls_uncounted([&] { close(fd); });
@@ -135,7 +153,8 @@ bool dog_life() {
     return worked;
 }
 
-bool dog_that_cannot() {
+bool dog_that_cannot()
+{
     static tFeddogCfg cfg = {0, 1000, "driver", "/no/such/folder/dog"};
     self_feddog_init(&cfg);
     await([] { return calls_count("pthread_exit") > 0; });
@@ -143,7 +162,8 @@ bool dog_that_cannot() {
     return true;
 }
 
-bool toolkit_life() {
+bool toolkit_life()
+{
     int ends[2] = {-1, -1};
     calls_uncounted([&] { (void)!pipe(ends); });
     buffer_t *pBuf = buffer_init(10);
@@ -166,7 +186,8 @@ bool toolkit_life() {
     char program[] = "echo word", type[] = "r", word[8] = "";
     FILE *pStream = popen2(program, type);
     calls_uncounted([&] {
-        if (pStream != nullptr) (void)!fgets(word, sizeof word, pStream);
+        if (pStream != nullptr)
+            (void)!fgets(word, sizeof word, pStream);
     });
     const int ended = pStream == nullptr ? 0 : pclose2(pStream);
     while (wait(nullptr) > 0 || errno == EINTR)
@@ -181,19 +202,16 @@ struct tScenario {
 
 // What a failed call must say on its way through a whole life.
 const std::map<std::string, std::string> gicSaid = {
-    {"accept", "accept() err, msg="},
-    {"read", "read() err, msg:"},
-    {"event_new", "_new() err!!!!\n"},
-    {"pipe", "pipe() err, msg:"},
-    {"fopen", "fopen() err!!!!\n"},
-    {"select", "select()=-1, msg:"},
-    {"getrlimit", "getrlimit() err"},
-    {"calloc", "alloc() err!!!!\n"},
+    {"accept", "accept() err, msg="},  {"read", "read() err, msg:"},
+    {"event_new", "_new() err!!!!\n"}, {"pipe", "pipe() err, msg:"},
+    {"fopen", "fopen() err!!!!\n"},    {"select", "select()=-1, msg:"},
+    {"getrlimit", "getrlimit() err"},  {"calloc", "alloc() err!!!!\n"},
 };
 
 struct tRest { // nothing more than this may be there after a run
     size_t threads = threads_at_rest(), fds = open_descriptors();
-    void check(const std::string &after) const {
+    void check(const std::string &after) const
+    {
         EXPECT_TRUE(threads_settle_at(threads)) << after;
         EXPECT_EQ(fds, open_descriptors()) << after;
         EXPECT_LT(gExitMs, 1000) << after;
@@ -201,10 +219,14 @@ struct tRest { // nothing more than this may be there after a run
 };
 
 // pclose2() signals whatever process comes after the shell; not here.
-int spare(const tCall &call) { return call.name == std::string("kill") ? ESRCH : 0; }
+int spare(const tCall &call)
+{
+    return call.name == std::string("kill") ? ESRCH : 0;
+}
 
 // A normal run that must work.
-void normal_run(const tScenario &scenario) {
+void normal_run(const tScenario &scenario)
+{
     gStruck = false;
     bool worked = false;
     const std::string said = output_of([&] {
@@ -216,9 +238,12 @@ void normal_run(const tScenario &scenario) {
 }
 } // namespace
 
-class Failures : public testing::TestWithParam<tScenario> {};
+class Failures : public testing::TestWithParam<tScenario>
+{
+};
 
-TEST_P(Failures, EachCallFailsOnce) {
+TEST_P(Failures, EachCallFailsOnce)
+{
     const tScenario &scenario = GetParam();
     normal_run(scenario); // the first one leaves what stays for good, such as the unwinder
     normal_run(scenario);
@@ -231,37 +256,47 @@ TEST_P(Failures, EachCallFailsOnce) {
             gStruck = false;
             const std::string said = output_of([&] {
                 calls_watch([&](const tCall &call) {
-                    if (call.index != k) return spare(call);
+                    if (call.index != k)
+                        return spare(call);
                     name = call.name;
                     return err;
                 });
                 scenario.run();
                 calls_stop();
             });
-            const std::string what = std::string(scenario.name) + ", call " + std::to_string(k) + " (" + name +
-                                     ") failing with " + strerror(err);
+            const std::string what = std::string(scenario.name) + ", call " + std::to_string(k) +
+                                     " (" + name + ") failing with " + strerror(err);
             rest.check(what);
             const auto must = gicSaid.find(name);
             if (must != gicSaid.end() && said.find(must->second) == std::string::npos &&
-                !(std::string("toolkit") == scenario.name)) // which has silent readers and allocators
+                !(std::string("toolkit") ==
+                  scenario.name)) // which has silent readers and allocators
                 ADD_FAILURE() << what << " said only:\n" << said;
             failed += !name.empty();
-            if (HasFailure()) return;
+            if (HasFailure())
+                return;
         }
     normal_run(scenario);
     printf("%u calls failed\n", failed);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Failures,
-    testing::Values(tScenario{"direct log", direct_log_life}, tScenario{"writer log", writer_log_life},
-        tScenario{"server", server_life}, tScenario{"dog", dog_life}, tScenario{"toolkit", toolkit_life}),
-    [](const auto &one) { return std::to_string(one.index); });
+                         testing::Values(tScenario{"direct log", direct_log_life},
+                                         tScenario{"writer log", writer_log_life},
+                                         tScenario{"server", server_life},
+                                         tScenario{"dog", dog_life},
+                                         tScenario{"toolkit", toolkit_life}),
+                         [](const auto &one) { return std::to_string(one.index); });
 
-class Stops : public testing::TestWithParam<std::tuple<tScenario, bool>> {};
+class Stops : public testing::TestWithParam<std::tuple<tScenario, bool>>
+{
+};
 
-TEST_P(Stops, ExitStrikesAtEachCallOfTheThread) {
+TEST_P(Stops, ExitStrikesAtEachCallOfTheThread)
+{
     const tScenario &scenario = std::get<0>(GetParam());
-    if (std::get<1>(GetParam())) evthread_use_pthreads();
+    if (std::get<1>(GetParam()))
+        evthread_use_pthreads();
     normal_run(scenario);
     const tRest rest;
     const auto host = std::this_thread::get_id();
@@ -292,24 +327,30 @@ TEST_P(Stops, ExitStrikesAtEachCallOfTheThread) {
             ++struck;
         else
             ++idle; // the thread's life has fewer calls
-        rest.check(std::string(scenario.name) + ", struck at call " + std::to_string(k) + ", " + name);
+        rest.check(std::string(scenario.name) + ", struck at call " + std::to_string(k) + ", " +
+                   name);
         normal_run(scenario);
-        if (HasFailure()) return;
+        if (HasFailure())
+            return;
     }
     EXPECT_GT(struck, 10U);
     printf("%u stops struck\n", struck);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Stops,
-    testing::Combine(testing::Values(tScenario{"writer log", writer_log_life}, tScenario{"server", server_life},
-                         tScenario{"server that cannot", server_that_cannot}, tScenario{"dog", dog_life},
-                         tScenario{"dog that cannot", dog_that_cannot}),
-        testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(
+    All, Stops,
+    testing::Combine(testing::Values(tScenario{"writer log", writer_log_life},
+                                     tScenario{"server", server_life},
+                                     tScenario{"server that cannot", server_that_cannot},
+                                     tScenario{"dog", dog_life},
+                                     tScenario{"dog that cannot", dog_that_cannot}),
+                     testing::Bool()),
     [](const auto &one) { return std::to_string(one.index); });
 
 // What fails while a service is set up shows in the log only, exactly so; it is given back, the
 // thread reaped once, and the next start works.
-TEST(SetUp, FailuresShowInTheLogAlone) {
+TEST(SetUp, FailuresShowInTheLogAlone)
+{
     static tDmnServCfg serv;
     static tFeddogCfg dogCfg = {0, 1000, "setup", ""};
     snprintf(serv.dmNme, sizeof serv.dmNme, "%s/s", gDir.path.c_str());
@@ -320,10 +361,11 @@ TEST(SetUp, FailuresShowInTheLogAlone) {
         int (*exit)();
         std::string tag, stop;
     } serving = {[](bool with) { return dmn_server_init(with ? &serv : nullptr); }, dmn_server_exit,
-        "ERR dmn_serv: ", "_dmn_server_func_pth()"},
-      feeding = {[](bool with) { return self_feddog_init(with ? &dogCfg : nullptr); }, self_feddog_exit,
-          "ERR self_dog: ", "_feddog_func_pth()"};
-    const std::string servInit = "_dmn_server_init() err!!!!\n", dogInit = "_feed_dog_init() err!!!!\n",
+                 "ERR dmn_serv: ", "_dmn_server_func_pth()"},
+      feeding = {[](bool with) { return self_feddog_init(with ? &dogCfg : nullptr); },
+                 self_feddog_exit, "ERR self_dog: ", "_feddog_func_pth()"};
+    const std::string servInit = "_dmn_server_init() err!!!!\n",
+                      dogInit = "_feed_dog_init() err!!!!\n",
                       conn = "_unix_socket_connect() err!!!!\n";
     const struct {
         const tService &service;
@@ -335,51 +377,78 @@ TEST(SetUp, FailuresShowInTheLogAlone) {
         {serving, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
         {serving, "socket", 1, EMFILE, {"socket() err, msg=Too many open files!!!!!!\n", servInit}},
         {serving, "bind", 1, EACCES, {"bind() err, msg=Permission denied!!!!!!\n", servInit}},
-        {serving, "listen", 1, EPERM, {"listen() err, msg=Operation not permitted!!!!!!\n", servInit}},
+        {serving,
+         "listen",
+         1,
+         EPERM,
+         {"listen() err, msg=Operation not permitted!!!!!!\n", servInit}},
         {serving, "event_new", 1, 1, {"event_new() err!!!!\n", servInit}},
         {serving, "event_new", 2, 1, {"event_new() err!!!!\n"}},
         {serving, "event_add", 2, 1, {"event_new() err!!!!\n"}},
         {serving, "event_base_dispatch", 1, 1, {}},
         {serving, "no call", 1, 1, {"aipArg err!!!!\n"}},
-        {serving, "pthread_create", 1, EPERM, {"pthread_create() err, msg:Operation not permitted\n"}},
+        {serving,
+         "pthread_create",
+         1,
+         EPERM,
+         {"pthread_create() err, msg:Operation not permitted\n"}},
         {serving, "eventfd", 1, EMFILE, {"pthread_create() err, msg:Too many open files\n"}},
         {feeding, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
-        {feeding, "socket", 1, EMFILE, {"socket() err, msg:Too many open files!!!!\n", conn, dogInit}},
-        {feeding, "connect", 1, EPERM, {"connect() err, msg:Operation not permitted!!!!!!", conn, dogInit}},
+        {feeding,
+         "socket",
+         1,
+         EMFILE,
+         {"socket() err, msg:Too many open files!!!!\n", conn, dogInit}},
+        {feeding,
+         "connect",
+         1,
+         EPERM,
+         {"connect() err, msg:Operation not permitted!!!!!!", conn, dogInit}},
         {feeding, "event_new", 1, 1, {"event_new() err!!!!\n", dogInit}},
         {feeding, "event_new", 2, 1, {"evtimer_new() err!!!!\n", dogInit}},
         {feeding, "event_new", 3, 1, {"event_new() err!!!!\n"}},
         {feeding, "no call", 1, 1, {"aipArg err!!!!\n"}},
-        {feeding, "pthread_create", 1, EPERM, {"pthread_create() err, msg:Operation not permitted\n"}},
+        {feeding,
+         "pthread_create",
+         1,
+         EPERM,
+         {"pthread_create() err, msg:Operation not permitted\n"}},
     };
     const tRest rest;
     for (const auto &row : table) {
         const bool starts = row.said.empty() || row.said[0].find("pthread") != 0;
         std::string wanted;
-        for (const auto &line : row.said) wanted += row.service.tag + line;
+        for (const auto &line : row.said)
+            wanted += row.service.tag + line;
         if (starts)
-            wanted += "OFF" + row.service.tag.substr(3) + "Wait " + row.service.stop + " pthread stop------\nOFF" +
-                      row.service.tag.substr(3) + row.service.stop + " pthread already stop------\n";
+            wanted += "OFF" + row.service.tag.substr(3) + "Wait " + row.service.stop +
+                      " pthread stop------\nOFF" + row.service.tag.substr(3) + row.service.stop +
+                      " pthread already stop------\n";
         EXPECT_EQ(wanted, tagged(output_of([&] {
-            calls_watch(calls_fail(row.call, row.nth, row.err));
-            EXPECT_EQ(starts ? 0 : -11, row.service.init(row.call[0] != 'n'));
-            EXPECT_TRUE(!starts || wait_until([] { return calls_count("pthread_exit") == 1; })) << row.call;
-            calls_stop();
-            timed_exit(row.service.exit);
-        })));
-        EXPECT_TRUE(!starts || calls_exit_text() == row.service.stop + " exit") << calls_exit_text();
+                      calls_watch(calls_fail(row.call, row.nth, row.err));
+                      EXPECT_EQ(starts ? 0 : -11, row.service.init(row.call[0] != 'n'));
+                      EXPECT_TRUE(!starts || wait_until([] {
+                          return calls_count("pthread_exit") == 1;
+                      })) << row.call;
+                      calls_stop();
+                      timed_exit(row.service.exit);
+                  })));
+        EXPECT_TRUE(!starts || calls_exit_text() == row.service.stop + " exit")
+            << calls_exit_text();
         rest.check(row.call);
     }
     close(dog);
 }
 
 // Socket paths of up to 107 characters work; longer ones are refused, and left alone.
-TEST(SetUp, PathLengths) {
+TEST(SetUp, PathLengths)
+{
     event_base *base = event_base_new();
     for (const size_t len : {106U, 107U, 108U, 109U, 250U}) {
         const std::string path = gDir / std::string(len - gDir.path.size() - 1, 'n');
         const bool fits = len <= 107;
-        if (!fits) std::ofstream(path) << "stays";
+        if (!fits)
+            std::ofstream(path) << "stays";
         tDmnServCfg serv = {};
         tFeddogCfg dogCfg = {1, 0, "path", ""};
         path.copy(serv.dmNme, len);
@@ -388,11 +457,11 @@ TEST(SetUp, PathLengths) {
                        : "ERR dmn_serv: bind() err, msg=File name too long!!!!!!\n"
                          "ERR self_dog: connect() err, msg:File name too long!!!!!!"
                          "ERR self_dog: _unix_socket_connect() err!!!!\n",
-            tagged(output_of([&] {
-                EXPECT_EQ(fits ? 0 : -4100, _dmn_server_init(base, &serv));
-                EXPECT_EQ(fits ? 0 : -4098, _feed_dog_init(base, &dogCfg));
-                EXPECT_EQ(0, self_feddog_exit() + dmn_server_exit());
-            })));
+                  tagged(output_of([&] {
+                      EXPECT_EQ(fits ? 0 : -4100, _dmn_server_init(base, &serv));
+                      EXPECT_EQ(fits ? 0 : -4098, _feed_dog_init(base, &dogCfg));
+                      EXPECT_EQ(0, self_feddog_exit() + dmn_server_exit());
+                  })));
         EXPECT_EQ(0, access(path.c_str(), F_OK)) << len;
     }
     event_base_free(base);
@@ -400,7 +469,8 @@ TEST(SetUp, PathLengths) {
 
 // A cancel that is pending on a host's thread takes effect behind the library's calls, not in the
 // middle of a stop, a held lock, or a child that shares the host's memory.
-TEST(Cancelled, HostThreadsFinishTheirCalls) {
+TEST(Cancelled, HostThreadsFinishTheirCalls)
+{
     const tLogCfg cfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
     tDmnServCfg serv = {};
     (gDir / "s").copy(serv.dmNme, sizeof serv.dmNme);
@@ -428,15 +498,19 @@ TEST(Cancelled, HostThreadsFinishTheirCalls) {
         dmn_serv_tx_clit_msg(program, 1);
         close(client);
     });
-    while (wait(nullptr) > 0) continue;
+    while (wait(nullptr) > 0)
+        continue;
 }
 
 // Everything together, started and stopped over and over: log service in both modes with files that
 // rotate, server with clients that come and go, watchdog, senders, loggers, threshold changes.
-TEST(Storm, StartsAndStopsOfEverything) {
-    const char *pSeconds = getenv("KELVARA_STORM_SECONDS"), *pRounds = getenv("KELVARA_STORM_ROUNDS");
+TEST(Storm, StartsAndStopsOfEverything)
+{
+    const char *pSeconds = getenv("KELVARA_STORM_SECONDS"),
+               *pRounds = getenv("KELVARA_STORM_ROUNDS");
     const long wanted = pRounds != nullptr ? atol(pRounds) : 200;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(pSeconds != nullptr ? atol(pSeconds) : 0);
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(pSeconds != nullptr ? atol(pSeconds) : 0);
     const int console = dup(1), null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     fflush(stdout);
     dup2(null, 1);
@@ -469,13 +543,15 @@ TEST(Storm, StartsAndStopsOfEverything) {
     });
     pool.emplace_back([&] {
         char msg[] = "a message to all";
-        while (run) dmn_serv_tx_clit_msg(msg, sizeof msg);
+        while (run)
+            dmn_serv_tx_clit_msg(msg, sizeof msg);
     });
     pool.emplace_back([&] {
         for (unsigned i = 0; run; ++i) {
             std::shared_lock<std::shared_mutex> hold(logging);
             log_msg(LOG_LEV_OFF, "storm", "f", 1, "line %u\n", i);
-            if (i % 16 == 0) set_global_log_level(static_cast<eLogLevl>(i % 3));
+            if (i % 16 == 0)
+                set_global_log_level(static_cast<eLogLevl>(i % 3));
         }
     });
 
@@ -483,8 +559,12 @@ TEST(Storm, StartsAndStopsOfEverything) {
     long rounds = 0, longest = 0;
     std::mt19937 random(20261122);
     while (rounds < wanted || std::chrono::steady_clock::now() < end) {
-        tLogCfg cfg = {random() % 2 ? LOG_RUN_NEW_PTHREAD : LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 5, LOG_SWITCH_OFF,
-            LOG_SWITCH_ON, ""};
+        tLogCfg cfg = {random() % 2 ? LOG_RUN_NEW_PTHREAD : LOG_RUN_MAIN_PROGRESS,
+                       LOG_FILE_TWO,
+                       5,
+                       LOG_SWITCH_OFF,
+                       LOG_SWITCH_ON,
+                       ""};
         snprintf(cfg.saveLogPath, sizeof cfg.saveLogPath, "%s/l", gDir.path.c_str());
         {
             std::lock_guard<std::shared_mutex> hold(logging);
@@ -492,7 +572,8 @@ TEST(Storm, StartsAndStopsOfEverything) {
         }
         EXPECT_EQ(0, dmn_server_init(&serv));
         EXPECT_EQ(0, self_feddog_init(&dogCfg));
-        if (random() % 4 != 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
+        if (random() % 4 != 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
         const auto start = std::chrono::steady_clock::now();
         self_feddog_exit();
         dmn_server_exit();
@@ -507,7 +588,8 @@ TEST(Storm, StartsAndStopsOfEverything) {
     EXPECT_TRUE(threads_settle_at(tasks));
     EXPECT_TRUE(wait_until([&] { return open_descriptors() <= fds; })); // the peers' own vary
     run = false;
-    for (auto &one : pool) one.join();
+    for (auto &one : pool)
+        one.join();
     close(dog);
     fflush(stdout);
     dup2(console, 1);

@@ -8,15 +8,18 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // Another holder lets go during the back-off call number `last`; every sleep is interrupted.
-TEST(spinlock, back_off) {
+TEST(spinlock, back_off)
+{
     std::vector<std::string> want(28, "sched_yield");
-    for (unsigned k = 32; k < 60; k++) want.push_back(k % 2 ? "sched_yield" : "nanosleep");
+    for (unsigned k = 32; k < 60; k++)
+        want.push_back(k % 2 ? "sched_yield" : "nanosleep");
     spinlock_t lock{7};
     spinlock_init(&lock);
     for (unsigned last : {1u, 28u, 29u, 30u, 56u}) {
         EXPECT_TRUE(lock.v_ == 0 && spinlock_try_lock(&lock) == 1 && lock.v_ == 1);
         calls_watch([&](const tCall &call) {
-            if (call.index == last) spinlock_unlock(&lock);
+            if (call.index == last)
+                spinlock_unlock(&lock);
             return call.name == std::string("nanosleep") ? EINTR : 0;
         });
         spinlock_lock(&lock);
@@ -28,12 +31,14 @@ TEST(spinlock, back_off) {
     }
 }
 
-TEST(spinlock, one_at_a_time) {
+TEST(spinlock, one_at_a_time)
+{
     spinlock_t lock{0};
     long count = 0;
     auto work = [&] {
         for (int i = 0; i < 50000; i++, spinlock_unlock(&lock)) {
-            if (i % 3 || !spinlock_try_lock(&lock)) spinlock_lock(&lock);
+            if (i % 3 || !spinlock_try_lock(&lock))
+                spinlock_lock(&lock);
             count++;
         }
     };

@@ -24,9 +24,13 @@ static int gLists;         // lists that were had and not released
 static in6_addr gAddr;
 static rlimit gLimit;
 
-extern "C" time_t time(time_t *) noexcept { return 1700000000; }
+extern "C" time_t time(time_t *) noexcept
+{
+    return 1700000000;
+}
 
-extern "C" int getifaddrs(ifaddrs **list) noexcept {
+extern "C" int getifaddrs(ifaddrs **list) noexcept
+{
     static ifaddrs links[std::size(gEntries)];
     static sockaddr_in6 addrs[std::size(gEntries)];
     *list = nullptr;
@@ -41,17 +45,22 @@ extern "C" int getifaddrs(ifaddrs **list) noexcept {
     return 0;
 }
 
-extern "C" void freeifaddrs(ifaddrs *) noexcept { gLists--; }
+extern "C" void freeifaddrs(ifaddrs *) noexcept
+{
+    gLists--;
+}
 
 // Raising the limit takes a privilege that a test seldom has. A sanitizer calls this before it is
 // ready to watch it.
-extern "C" __attribute__((no_sanitize("address", "undefined", "thread"))) int setrlimit(
-    __rlimit_resource_t resource, const rlimit *limit) noexcept {
+extern "C" __attribute__((no_sanitize("address", "undefined", "thread"))) int
+setrlimit(__rlimit_resource_t resource, const rlimit *limit) noexcept
+{
     gLimit = resource == RLIMIT_NOFILE ? *limit : gLimit;
     return 0;
 }
 
-TEST(Xfuncs, FailuresAreLoggedOnce) {
+TEST(Xfuncs, FailuresAreLoggedOnce)
+{
     static char kept[] = "kept";
     static const auto lookUp = get_linklocal_ipv6addr;
     const std::string null = "aopcAddr6 and aipcIface can't be NULL!";
@@ -94,7 +103,8 @@ TEST(Xfuncs, FailuresAreLoggedOnce) {
     EXPECT_TRUE(gLists == 0 && gLimit.rlim_cur == 40000 && gLimit.rlim_max == 40000);
 }
 
-TEST(Xfuncs, AllocationsAreClearedAndKept) {
+TEST(Xfuncs, AllocationsAreClearedAndKept)
+{
     for (void *mem : {xzMalloc(999), xzOneCalloc(999), xCalloc(333, 3), xCalloc(3, 333)}) {
         EXPECT_EQ(std::string(static_cast<char *>(mem), 999), std::string(999, '\0'));
         mem = xRealloc(strcpy(static_cast<char *>(mem), "kept"), 100000);
@@ -103,35 +113,40 @@ TEST(Xfuncs, AllocationsAreClearedAndKept) {
     }
 }
 
-TEST(Xfuncs, CheckSumEqualsByteLoopBeforeAnUnreadablePage) {
+TEST(Xfuncs, CheckSumEqualsByteLoopBeforeAnUnreadablePage)
+{
     char *const end = wall();
     for (size_t len = 0; len <= 150; len++)
         for (size_t shift = 0; shift < 64; shift++) {
             const std::string bytes = noise(len, static_cast<unsigned>(shift));
             char *const first = end - len - shift;
             char sum = 0;
-            for (char byte : bytes) sum = static_cast<char>(sum ^ byte);
+            for (char byte : bytes)
+                sum = static_cast<char>(sum ^ byte);
             bytes.copy(first, len);
             ASSERT_EQ(xorCheckSum(first, first + len - 1), sum) << len << " " << shift;
         }
     EXPECT_EQ(xorCheckSum(end, end - 9), 0);
 }
 
-TEST(Xfuncs, BaudRatesMatchExactly) {
+TEST(Xfuncs, BaudRatesMatchExactly)
+{
     // clang-format off
     const int rates[] = {
         0, 50, 75, 110, 134, 150, 200, 300, 600, 1200, 1800, 2400, 4800, 9600, 19200, 38400,
         57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000, 1500000, 2000000,
         2500000, 3000000, 3500000, 4000000};
     // clang-format on
-    for (size_t i = 0; i < std::size(rates); i++) { // numbered in order, the second series from 4097
+    for (size_t i = 0; i < std::size(rates);
+         i++) { // numbered in order, the second series from 4097
         EXPECT_EQ(tty_get_baudrate(rates[i]), i < 16 ? i : 4097 + i - 16) << rates[i];
         for (int other : {rates[i] - 1, rates[i] + 1, rates[i] + 65536, -rates[i] - 1})
             EXPECT_EQ(tty_get_baudrate(other), 0xFFFFFFFFU) << other;
     }
 }
 
-TEST(Xfuncs, LinkLocalLookUp) {
+TEST(Xfuncs, LinkLocalLookUp)
+{
     const size_t all = std::size(gEntries);
     // clang-format off
     const struct {
@@ -149,13 +164,16 @@ TEST(Xfuncs, LinkLocalLookUp) {
         for (const char *fails : {"", "inet_ntop"}) {
             std::string text;
             for (size_t i = 0; i < c.traced; i++)
-                text += std::string("ifa_name=") + gEntries[i].name + ", family=" + gEntries[i].family + "\n";
+                text += std::string("ifa_name=") + gEntries[i].name +
+                        ", family=" + gEntries[i].family + "\n";
             if (c.found && !*fails)
-                text += std::string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr + "\n";
+                text += std::string("find out ") + c.iface +
+                        "'s linklocal IPv6 address: " + c.addr + "\n";
             gEntryCount = c.listed;
             gAddr = in6addr_loopback;
             calls_watch(calls_fail(fails, 0, ENOSPC));
-            EXPECT_EQ(text, output_of([&] { EXPECT_EQ(get_linklocal_ipv6addr(&gAddr, c.iface), 0); }));
+            EXPECT_EQ(text,
+                      output_of([&] { EXPECT_EQ(get_linklocal_ipv6addr(&gAddr, c.iface), 0); }));
             calls_stop();
             char addr[INET6_ADDRSTRLEN];
             EXPECT_STREQ(inet_ntop(AF_INET6, &gAddr, addr, sizeof addr), c.addr);
@@ -163,7 +181,8 @@ TEST(Xfuncs, LinkLocalLookUp) {
         }
 }
 
-TEST(Xfuncs, RandomStringsFollowTheSecond) {
+TEST(Xfuncs, RandomStringsFollowTheSecond)
+{
     for (int len : {0, 1, 1000})
         for (bool digits : {false, true}) {
             char *text = digits ? gen_random_number_string(len) : gen_random_string(len);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The fuzz targets; TARGET names the one to build. Each compares two ways to one result: whole and
 // in pieces, there and back, library and model.
-#include "../examples/nmea.h"
+#include "../../examples/nmea.h"
 #include <cassert>
 #include <common/aes.h>
 #include <common/bbase64.h>
@@ -19,7 +19,8 @@ eLogLevl gLogLevl = LOG_LEV_OFF;
 using tInput = FuzzedDataProvider;
 using tBytes = std::vector<uint8_t>;
 
-void base64(tInput &in) {
+void base64(tInput &in)
+{
     const std::string any = in.ConsumeRandomLengthString(400);
     const auto data = in.ConsumeRemainingBytes<uint8_t>();
     tBytes back(data.size() / 2 + data.size() % 97 + 3);
@@ -35,7 +36,8 @@ void base64(tInput &in) {
            std::equal(data.begin(), data.end(), back.begin()));
 }
 
-void aes(tInput &in) {
+void aes(tInput &in)
+{
     const std::string cuts = in.ConsumeRandomLengthString(8);
     tBytes keys = in.ConsumeBytes<uint8_t>(32);
     keys.resize(32);
@@ -57,7 +59,8 @@ void aes(tInput &in) {
     assert(std::equal(plain.begin(), plain.end(), back.begin()));
 }
 
-void digests(tInput &in) {
+void digests(tInput &in)
+{
     unsigned char md[2][16], sha[2][32];
     md5_ctx mdCtx;
     sha256_ctx shaCtx;
@@ -76,7 +79,8 @@ void digests(tInput &in) {
     assert(memcmp(sha256_finish_ctx(&shaCtx, sha[1]), sha[0], 32) == 0);
 }
 
-void buffer(tInput &in) {
+void buffer(tInput &in)
+{
     static int ends[2];
     [[maybe_unused]] static const int made = pipe(ends);
     buffer_t *b = buffer_init(in.ConsumeIntegralInRange(0, 700)), *other = buffer_init(0);
@@ -95,7 +99,9 @@ void buffer(tInput &in) {
             [&] { buffer_append(b, other), model += text; },
             [&] { buffer_append(b, b), model += std::string(model); },
             [&] { buffer_copy(b, other), model = text.empty() ? model : text; },
-            [&] { buffer_shift(b, v % 999), model.erase(0, v % 999 <= model.size() ? v % 999 : 0); },
+            [&] {
+                buffer_shift(b, v % 999), model.erase(0, v % 999 <= model.size() ? v % 999 : 0);
+            },
             [&] { model.append(buffer_calloc(b, v % 99) ? v % 99 : 0, '\0'); },
             [&] { buffer_reset(b), model.clear(); },
             [&] { model.append(text, 0, write(ends[1], text.data(), text.size())); },
@@ -110,7 +116,8 @@ void buffer(tInput &in) {
     buffer_free(other);
 }
 
-void config(tInput &in) {
+void config(tInput &in)
+{
     const std::string text = in.ConsumeRemainingBytesAsString();
     tLogCfg log = {};
     tFeddogCfg dog = {};
@@ -124,7 +131,8 @@ void config(tInput &in) {
 }
 
 // gnssd's way from bytes to sentences, with all bytes at once and with pieces of them.
-void nmea(tInput &in) {
+void nmea(tInput &in)
+{
     std::string cuts = in.ConsumeRandomLengthString(16), data = in.ConsumeRemainingBytesAsString();
     std::string found[2];
     for (size_t from : {size_t{0}, cuts.size()}) {
@@ -135,7 +143,8 @@ void nmea(tInput &in) {
             tNmeaItem item = {NMEA_BAD, nullptr, 0, nullptr};
             for (int pos = 0; item.kind != NMEA_MORE; buffer_shift(b, pos)) {
                 pos = nmea_next(b->ptr, b->used, k == cuts.size(), &item);
-                found[from == 0].append(item.text, item.len) += item.kind == NMEA_BAD ? item.why : "";
+                found[from == 0].append(item.text, item.len) +=
+                    item.kind == NMEA_BAD ? item.why : "";
             }
             assert(b->used <= gicNmeaMax);
         }
@@ -144,7 +153,8 @@ void nmea(tInput &in) {
     assert(cuts.empty() || found[0] == found[1]);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
     tInput in(data, size);
     TARGET(in);
     return 0;
