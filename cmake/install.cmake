@@ -9,6 +9,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS kelvara EXPORT kelvara-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvara)
 install(DIRECTORY include/common DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelvara
   COMPONENT development FILES_MATCHING PATTERN "*.h")
@@ -123,4 +124,6 @@ if(KELVARA_GZIP)
     endif()
   endforeach()
 endif()
-include(CPack)
+if(PROJECT_IS_TOP_LEVEL)
+  include(CPack)
+endif()

@@ -1,9 +1,10 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# test_install.sh prefix|packages SOURCE BUILD COMPILER_C COMPILER_CXX [TOOLCHAIN_FILE]: hosts outside
-# the tree find what was installed to a prefix, or unpacked from the packages: by pkg-config, by
-# CMake and by plain options. The hosts are the documentation's examples; each must run and print
-# what its page shows. Programs run under $KELVARA_RUN, if that is set. Status 77: a tool is missing.
+# test_install.sh prefix|packages|fetched SOURCE BUILD COMPILER_C COMPILER_CXX [TOOLCHAIN_FILE]: hosts
+# outside the tree find what was installed to a prefix, or unpacked from the packages: by pkg-config,
+# by CMake and by plain options; or they build the archive libkelvara.a as a part of themselves, and
+# install it. The hosts are the documentation's examples; each must run and print what its page
+# shows. Programs run under $KELVARA_RUN, if that is set. Status 77: a tool is missing.
 set -euo pipefail
 what=$1 source=$2 build=$3 cc=$4 cxx=$5 toolchain=${6:-}
 read -ra run <<<"${KELVARA_RUN:-}"
@@ -87,39 +88,56 @@ check_minimal() { # check_minimal PROGRAM TAP: serves, and stops on SIGTERM
   [[ $(head -n 1 "$work/ticks") == tick ]] || die "$1 sends no ticks"
 }
 
-check_hosts() { # check_hosts PREFIX LIBDIR
-  local lib=$1/$2 pc_flags example name compile
-  rm -rf "$work/pc" "$work/cmake"
-  mkdir -p "$work/pc"
-  diff -r "$source/include/common" "$1/include/kelvara/common" || die "headers"
-  [[ $(readlink "$lib/libkelvara.so") == libkelvara.so.1 && -e $lib/libkelvara.so ]] || die "links"
+check_cmake() { # check_cmake BIN [OPTION...]: the outside project, and what it runs
+  local bin=$1 example
+  shift
+  { cmake -S "$source/tests/outside" -B "$work/cmake" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" -DEXAMPLES="$source/examples/modules" \
+    -DMINIMAL="$source/examples/minimal.c" "$@" \
+    && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
+    || { tail -n 30 "$work/log"; die "CMake"; }
+  for example in "$source"/examples/modules/*.out; do
+    check_example "$work/cmake/$(basename "${example%.out}")" "$bin"
+  done
+  check_minimal "$work/cmake/minimal" "$bin/tap"
+}
 
+check_flags() { # check_flags LIBDIR BIN EXAMPLE...: built with what pkg-config says
+  local lib=$1 bin=$2 pc_flags example name compile
+  shift 2
+  mkdir -p "$work/pc"
   read -ra pc_flags <<<"$(PKG_CONFIG_LIBDIR=$lib/pkgconfig$pc_path${pc_path:-:$(pkg-config \
     --variable pc_path pkg-config)} pkg-config --cflags --libs kelvara)"
-  for example in "$source"/examples/modules/*.c "$source"/examples/modules/*.cpp "$source/examples/minimal.c"; do
+  for example; do
     name=$(basename "${example%.*}")
     compile=("$cc" -std=gnu11)
     [[ $example != *.cpp ]] || compile=("$cxx" -std=gnu++17)
     "${compile[@]}" "${strict[@]}" "$example" -o "$work/pc/$name" "${pc_flags[@]}" \
       "${cross_flags[@]}" -Wl,-rpath,"$lib" || die "$name by pkg-config"
-    [[ $name == minimal ]] || check_example "$work/pc/$name" "$1/bin"
+    [[ $name == minimal ]] || check_example "$work/pc/$name" "$bin"
   done
+}
+
+check_hosts() { # check_hosts PREFIX LIBDIR
+  local lib=$1/$2
+  diff -r "$source/include/common" "$1/include/kelvara/common" || die "headers"
+  [[ $(readlink "$lib/libkelvara.so") == libkelvara.so.1 && -e $lib/libkelvara.so ]] || die "links"
+  check_flags "$lib" "$1/bin" "$source"/examples/modules/*.c{,pp} "$source/examples/minimal.c"
   check_minimal "$work/pc/minimal" "$1/bin/tap"
   "$cc" -I"$1/include/kelvara" "$source/examples/minimal.c" -o "$work/pc/plain" -L"$lib" \
     -lkelvara -levent_core -lconfig -pthread "${cross_flags[@]}" || die "minimal by plain options"
-
-  { cmake -S "$source/tests/outside" -B "$work/cmake" -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" -Dkelvara_DIR="$lib/cmake/kelvara" \
-    -DEXAMPLES="$source/examples/modules" -DMINIMAL="$source/examples/minimal.c" \
-    && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
-    || { tail -n 30 "$work/log"; die "CMake"; }
-  for example in "$source"/examples/modules/*.out; do
-    check_example "$work/cmake/$(basename "${example%.out}")" "$1/bin"
-  done
-  check_minimal "$work/cmake/minimal" "$1/bin/tap"
+  check_cmake "$1/bin" -Dkelvara_DIR="$lib/cmake/kelvara"
 }
 
-if [[ $what == prefix ]]; then
+if [[ $what == fetched ]]; then
+  check_cmake "$build/examples" -DKELVARA_SOURCE="$source" -DBUILD_SHARED_LIBS=OFF \
+    -DKELVARA_INSTALL=ON -DCMAKE_INSTALL_LIBDIR=lib
+  exported=$(nm --defined-only --extern-only "$work/cmake/_deps/kelvara-build/libkelvara.a" | grep -c ' [A-Z] ')
+  diff <(nm -D --defined-only "$build/libkelvara.so" | grep -c ' [BDRT] ') <(echo "$exported") \
+    || die "the archive defines more than the library exports"
+  cmake --install "$work/cmake" --prefix "$work/prefix" >"$work/log" || die "$(cat "$work/log")"
+  check_flags "$work/prefix/lib" "$build/examples" "$source"/examples/modules/dmn_serv.c
+elif [[ $what == prefix ]]; then
   cmake --install "$build" --prefix "$work/prefix" >"$work/log" || die "$(cat "$work/log")"
   check_hosts "$work/prefix" "$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")"
 else
