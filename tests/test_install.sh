@@ -139,9 +139,18 @@ if [[ $what == fetched ]]; then
   check_flags "$work/prefix/lib" "$build/examples" "$source"/examples/modules/dmn_serv.c
 elif [[ $what == prefix ]]; then
   cmake --install "$build" --prefix "$work/prefix" >"$work/log" || die "$(cat "$work/log")"
+  "$source/scripts/check_packaging" "$work/prefix" || die "packaging/"
   check_hosts "$work/prefix" "$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")"
 else
   "$source/scripts/package" "$arch" "$build/package" || die "scripts/package"
+  mkdir "$work/elsewhere"
+  cp -r "$source"/{CMakeLists.txt,LICENSE,cmake,docs,examples,include,packaging,scripts,src} "$work/elsewhere"
+  (umask 077 && KELVARA_ARMHF_SYSROOT=${sysroot:-} "$work/elsewhere/scripts/package" "$arch") \
+    || die "scripts/package elsewhere"
+  for package in "$build"/package/*.{deb,spdx.json}; do
+    cmp "$package" "$work"/elsewhere/build/package*/"$(basename "$package")" \
+      || die "another folder makes another package"
+  done
   for package in "$build"/package/*.deb; do
     dpkg-deb -x "$package" "$work/unpacked"
   done
