@@ -12,10 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <event2/event.h>
+#include <poll.h>
 #include <unistd.h>
 
 static const eLogLevl gicDbLev = LOG_LEV_ERROR;
 static constexpr int gicBacklog = 40;
+static constexpr int gicAcceptPauseMs = 20;
 
 // The host's: written by init and exit.
 static pthread_t giDmnServPthdId;
@@ -111,6 +113,9 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
     const int fd = accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen);
     if (fd == -1) {
         LOG_MSG(LOG_LEV_ERROR, "accept() err, msg=%s!!!!!!\n", strerror(errno));
+        // Without a free descriptor the client stays in the queue, and the loop would be back here
+        // at once. A signal may cut the pause short.
+        (void)poll(nullptr, 0, gicAcceptPauseMs);
         return;
     }
     _init_client_conn(fd, static_cast<event_base *>(aipArg));

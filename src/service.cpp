@@ -68,9 +68,9 @@ void service_end(const tService *aipcServ, const char *aicpcText)
 
 socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath)
 {
-    const size_t len = strlen(aicpcPath);
-    if (len >= sizeof aopAddr->sun_path) {
-        errno = ENAMETOOLONG;
+    const size_t len = strnlen(aicpcPath, sizeof aopAddr->sun_path);
+    if (len == 0 || len == sizeof aopAddr->sun_path) {
+        errno = len == 0 ? EINVAL : ENAMETOOLONG;
         return 0;
     }
     *aopAddr = {};

@@ -34,7 +34,8 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse);
 // On the thread, last: takes the pending cancel, or ends by itself with the exit text.
 [[noreturn]] void service_end(const tService *aipcServ, const char *aicpcText);
 
-// Fills the address and gives its length; 0 with errno ENAMETOOLONG when the path does not fit.
+// Fills the address and gives its length; 0 with errno ENAMETOOLONG when the path does not fit, and
+// EINVAL when it is empty: the kernel would choose a name that nobody knows and no folder protects.
 socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath);
 
 // Adds O_NONBLOCK to the descriptor's flags; on a socket of ours that cannot fail.

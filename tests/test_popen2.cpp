@@ -98,6 +98,21 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
         EXPECT_EQ(fclose(other), 0);
         EXPECT_EQ(_reap(), 3); // the shell was left to us
     }
+    // The number may be that of a thread of ours: the signal would end us.
+    for (bool ours = false; !ours;) {
+        FILE *stream = _open("echo $$", "r");
+        char line[16] = "";
+        gSent.clear();
+        std::thread([&] {
+            EXPECT_TRUE(fgets(line, 16, stream));
+            ours = gettid() == atoi(line) + 1;
+            errno = 0;
+            EXPECT_EQ(pclose2(stream), ours ? -1 : 0);
+            EXPECT_EQ(errno, ours ? ESRCH : 0);
+        }).join();
+        EXPECT_EQ(gSent.empty(), ours);
+        _reap();
+    }
 }
 
 TEST(Popen2, AnyDescriptorsAndAnyTableSize)
@@ -118,6 +133,7 @@ TEST(Popen2, CommandHoldsEarlierEndsButNotItsOwn)
         program += " " + std::to_string(fd);
     close(ends[0]);
     close(ends[1]);
+    EXPECT_EQ(pclose2(nullptr), -1);
     FILE *second =
         _open(program + "; do [ -e /proc/self/fd/$n ]; all=$all$?; done; exit $all", "r");
     EXPECT_EQ(_reap(), 11); // found, missing, missing

@@ -109,14 +109,14 @@ char *buffer_calloc(buffer_t *allocator, int len);
 
 /* Appends what one read() of fd delivers: all that waits there (FIONREAD), for which the buffer
  * grows first, or one byte when nothing waits. When growth fails, as much as there is room for.
- * Works on what FIONREAD knows: sockets, pipes, terminals, regular files.
- * Returns
- *   > 0  the number of bytes appended (no 0 is written behind them)
- *   0    nothing for now: EAGAIN or EINTR
- *   -1   end of stream, an error, no room, a null buffer, or an fd below 1
- * Prints "toread:%d ret:%d, msg:%s\n" on standard output when the read() itself ends with -1: the
- * bytes asked for, its result and the text of errno, which is a stale one at the end of the
- * stream. A failing FIONREAD is silent. */
+ * Works on what FIONREAD knows: sockets, pipes, terminals, regular files. From a datagram socket
+ * each call takes one datagram: one that comes when nothing waited is cut to its first byte, so
+ * wait until the fd is readable; an empty one looks like the end of a stream. Returns > 0  the
+ * number of bytes appended (no 0 is written behind them) 0    nothing for now: EAGAIN or EINTR -1
+ * end of stream, an error, no room, a null buffer, or an fd below 1 Prints "toread:%d ret:%d,
+ * msg:%s\n" on standard output when the read() itself ends with -1: the bytes asked for, its result
+ * and the text of errno, which is a stale one at the end of the stream. A failing FIONREAD is
+ * silent. */
 int read_buffer(int fd, buffer_t *p_buff_t);
 
 /* Drops len bytes from the front and moves the rest there. Does nothing when fewer are stored or

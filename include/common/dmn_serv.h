@@ -12,11 +12,12 @@
  *     dmn_server_exit();
  *
  * Messages are the caller's bytes and nothing else: no length, no terminator, no framing. On a
- * stream socket a client sees no borders between them, so use a format that can be cut again.
+ * stream socket a client sees no borders between them, so use a format that can be cut again. Those
+ * of several senders stay apart up to 32 KiB; longer ones may mix.
  *
  * Threads: dmn_serv_tx_clit_msg() may be called by any number of threads at any time, also before
- * the start, during it, and after the stop. Init and exit belong to one host thread. There is one
- * server a process.
+ * the start, during it, and after the stop; not in a signal handler, because it takes a lock. Init
+ * and exit belong to one host thread. There is one server a process.
  *
  * What blocks: no broadcast ever waits for a client. dmn_server_exit() waits for the server thread
  * and for broadcasts in progress.
@@ -25,14 +26,20 @@
  * part of a message, without notice to anybody; the other clients are not touched by it.
  *
  * When the process has no descriptor left for another client, each try to admit it is logged, and
- * the log fills quickly: raise the limit first (system_set_rlimit() in common/xfuncs.h).
+ * followed by a pause of 20 ms, on a host's own base too, whose loop it delays. Meanwhile clients
+ * wait in the queue. Raise the limit first (system_set_rlimit() in common/xfuncs.h).
+ *
+ * A client that is killed shows like one that closes: as "Remote close------" when it had read
+ * everything, and as a read error otherwise.
  *
  * A child made by fork() has no server: it must not call dmn_server_exit(), which would wake its
  * parent's. Keep descriptors 0 to 2 open, so that no client gets the console's number.
  *
- * The whole process ignores SIGPIPE from the first start of the server on. The socket file stays
- * behind at exit; the next start replaces it. The server's descriptors are inherited by programs
- * that the host starts with exec, as no close-on-exec flag is set on them.
+ * The whole process ignores SIGPIPE from the first start of the server on. Do not set it back: a
+ * broadcast to a client that has just left would end the process. The socket file stays behind at
+ * exit; a start replaces whatever stands at its path, a regular file too. The server's descriptors
+ * are inherited by programs that the host starts with exec, as no close-on-exec flag is set on
+ * them.
  *
  * The library leaves linking libevent to the host (event_core is enough).
  */
@@ -78,7 +85,7 @@ typedef enum _eDmnServErrVal_ {
     ERR_SOCKET_LISTEN_DMN,      /* the socket does not listen */
     ERR_SOCKET_CONNECT_DMN,
     ERR_SOCKET_IOCTL_DMN,
-    ERR_SOCKET_BIND_DMN, /* the path cannot be bound, or is too long */
+    ERR_SOCKET_BIND_DMN, /* the path cannot be bound, is empty or too long */
     ERR_SOCKET_READ_DMN,
     ERR_SOCKET_WRITE_DMN,
     ERR_RTNL_OPEN_DMN,
@@ -96,7 +103,7 @@ typedef enum _eDmnServErrVal_ {
 /* The server's configuration. The host owns the record and keeps it valid and unchanged while the
  * server runs. */
 typedef struct _tDmnServCfg_ {
-    char dmNme[256]; /* path of the socket, zero-terminated; up to 107 characters can be bound */
+    char dmNme[256]; /* path of the socket, zero-terminated; 1 to 107 characters can be bound */
 } tDmnServCfg;
 
 /* One connected client, as the server keeps it; hosts have no use for it. */
@@ -114,16 +121,17 @@ int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgN
 
 /* Starts the server thread and returns at once: 0, or -11 (ERR_PTHREAD_CREATE_DMN), logged. The
  * thread then makes the socket; what fails there shows in the log only, and the thread ends by
- * itself. Either way dmn_server_exit() is the end of it. Not to be called while a server runs. */
+ * itself. Either way dmn_server_exit() is the end of it and comes before the next init: without it
+ * each try would leave a thread's stack behind, 8 MB of addresses, and a descriptor. */
 int dmn_server_init(tDmnServCfg *const aipcDmnServCfg);
 
 /* Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
  * accept event on aipEtBse. The server thread calls it; a host may, on an event base of its own
  * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit() while
  * the base exists and nobody dispatches it; the base stays the host's. Returns 0, -4096 (no
- * socket), -4100 (bind; also a path of more than 107 characters, reported as ENAMETOOLONG), -4097
- * (listen) or -13 (no event), each logged. What was made before a failure stays until
- * dmn_server_exit(). */
+ * socket), -4100 (bind; also an empty path, reported as EINVAL, and one of more than 107
+ * characters, ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged. What was made before a
+ * failure stays until dmn_server_exit(). */
 int _dmn_server_init(struct event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg);
 
 /* Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with

@@ -99,9 +99,9 @@ typedef struct _tWthdogFed_ {
 /* The client's configuration. The host owns the record; nothing copies it. */
 typedef struct _tFeddogCfg_ {
     uint32_t feddogSec;        /* heartbeat period: whole seconds, */
-    uint32_t feddogUSec;       /* and microseconds; no minimum is enforced */
+    uint32_t feddogUSec;       /* and microseconds; no minimum: a period of 0 takes a whole core */
     char feddogNme[64];        /* this daemon's name, zero-terminated */
-    char txFeddogHtDmNme[256]; /* path of the watchdog's socket; up to 107 characters can be used */
+    char txFeddogHtDmNme[256]; /* path of the watchdog's socket; 1 to 107 characters can be used */
 } tFeddogCfg;
 
 /* Fills aopcFedDog from the libconfig group at path aicpcDogCfgNme: integers "feddogSec" and
@@ -113,15 +113,16 @@ int load_feeddog_cfg(tFeddogCfg *const aopcFedDog, const char *const aicpcDogCfg
 
 /* Starts the client thread and returns at once: 0, or -11 (ERR_PTHREAD_CREATE_DOG), logged. The
  * thread then connects; what fails there shows in the log only, and the thread ends by itself.
- * Either way self_feddog_exit() is the end of it. Not to be called while a client runs. */
+ * Either way self_feddog_exit() is the end of it and comes before the next init: without it each
+ * try would leave a thread's stack behind, 8 MB of addresses, and a descriptor. */
 int self_feddog_init(tFeddogCfg *const aipcFeddogCfg);
 
 /* Connects to the watchdog and arms the read event and the heartbeat timer on aipEtBse. The client
  * thread calls it; a host may, on an event base of its own that the same thread dispatches, and
  * ends it with self_feddog_exit() while the base exists and nobody dispatches it; the base stays
- * the host's. Returns 0, -4096 (no socket),
- * -4098 (connect; also a path of more than 107 characters, reported as ENAMETOOLONG) or -13 (an
- * event), each logged. What was made before a failure stays until self_feddog_exit(). */
+ * the host's. Returns 0, -4096 (no socket), -4098 (connect; also an empty path, reported as EINVAL,
+ * and one of more than 107 characters, ENAMETOOLONG) or -13 (an event), each logged. What was made
+ * before a failure stays until self_feddog_exit(). */
 int _feed_dog_init(struct event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg);
 
 /* Stops the client and releases all it made: the watchdog reads end-of-stream. Always returns 0.
