@@ -50,6 +50,49 @@ template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
     __atomic_store_n(aopWord, aicValue, __ATOMIC_RELEASE);
 }
 
+// --- a line's header --------------------------------------------------------------------------
+//
+// "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", put together by hand: expanding that format costs as much
+// as the rest of the line's way into the pipe.
+
+static void _put_digits(char *aopTo, size_t aicCount, long aiValue)
+{
+    for (size_t i = aicCount; i-- > 0; aiValue /= 10)
+        aopTo[i] = static_cast<char>('0' + aiValue % 10);
+}
+
+// Appends as much as there is room for; returns the new length.
+static size_t _put_text(char (&aoLine)[gicLnBytes], size_t aicUsed, const char *aipcText,
+                        size_t aicLen)
+{
+    const size_t left = gicLnBytes - 2 - aicUsed;
+    const size_t take = aicLen < left ? aicLen : left;
+    memcpy(aoLine + aicUsed, aipcText, take);
+    return aicUsed + take;
+}
+
+static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const tm &aicLocal,
+                        long aicUsec, const char *aipcFlNme, int aicLnNum)
+{
+    constexpr size_t field = 15;
+    constexpr size_t name = sizeof "[TAG:hh:mm:ss.00uuuuuu " - 1;
+    memcpy(aoLine, "[TAG:hh:mm:ss.00uuuuuu                ", name + field);
+    memcpy(aoLine + 1, aipcTag, 3);
+    _put_digits(aoLine + 5, 2, aicLocal.tm_hour);
+    _put_digits(aoLine + 8, 2, aicLocal.tm_min);
+    _put_digits(aoLine + 11, 2, aicLocal.tm_sec);
+    _put_digits(aoLine + 16, 6, aicUsec);
+
+    const size_t len = strlen(aipcFlNme);
+    const size_t used = _put_text(aoLine, name + (len < field ? field - len : 0), aipcFlNme, len);
+    char tail[16] = " 0000] ";
+    if (aicLnNum >= 0 && aicLnNum <= 9999)
+        _put_digits(tail + 1, 4, aicLnNum);
+    else
+        (void)snprintf(tail, sizeof tail, " %04d] ", aicLnNum);
+    return _put_text(aoLine, used, tail, strlen(tail));
+}
+
 // --- files ------------------------------------------------------------------------------------
 
 // Forms the next file's name; false, and an empty name, for an unknown naming. A name that does
@@ -123,7 +166,7 @@ static void _log_file_rotate()
     (void)_open_log_file(nme); // reported; without a file output goes on at the console
 }
 
-// --- the way of a line ------------------------------------------------------------------------
+// --- a line's delivery ------------------------------------------------------------------------
 
 // The direct sink: console first, then file.
 static void _process_log_msg(const char *aipcMsg)
@@ -207,12 +250,21 @@ static void *_rx_log_func_pth(void *)
     pthread_exit(const_cast<char *>("_rx_log_func_pth() exit"));
 }
 
-// Delivers what was logged before the writer thread was stopped.
-static void _drain_log_pipe()
+// --- start ------------------------------------------------------------------------------------
+
+static int _start_log_file()
 {
-    pollfd rx = {giLogPpFdAry[0], POLLIN, 0};
-    while (rx.fd != -1 && poll(&rx, 1, 0) == 1 && _rx_log_chunk(rx.fd))
-        ;
+    if (giLogCfg.logSaveMaxCnt == 0)
+        giLogCfg.logSaveMaxCnt = 10000;
+    if (giLogCfg.saveLogPath[0] == '\0')
+        strcpy(giLogCfg.saveLogPath, "/opt/v2x/log/v2xLog");
+    printf("Save log path=%s\n", giLogCfg.saveLogPath);
+    char nme[gicNmeBytes];
+    if (!_next_log_name(nme)) {
+        printf("fileMod=%d err!!!!\n", static_cast<int>(giLogCfg.fileMod));
+        return -ERR_LOG_PARM_CONT;
+    }
+    return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
 }
 
 static int _open_log_pipe()
@@ -232,13 +284,6 @@ static int _open_log_pipe()
     _poke(&giLogPpFdAry[1], fds[1]);
     _poke(&giLogPpFdAry[0], fds[0]);
     return 0;
-}
-
-static void _close_log_pipe_end(int *aiopFd)
-{
-    if (*aiopFd >= 0)
-        (void)close(*aiopFd);
-    _poke(aiopFd, -1);
 }
 
 static int _start_log_thread()
@@ -261,19 +306,21 @@ static int _start_log_thread()
     return LOG_SUCCESS;
 }
 
-static int _start_log_file()
+// --- stop -------------------------------------------------------------------------------------
+
+// Delivers what was logged before the writer thread was stopped.
+static void _drain_log_pipe()
 {
-    if (giLogCfg.logSaveMaxCnt == 0)
-        giLogCfg.logSaveMaxCnt = 10000;
-    if (giLogCfg.saveLogPath[0] == '\0')
-        strcpy(giLogCfg.saveLogPath, "/opt/v2x/log/v2xLog");
-    printf("Save log path=%s\n", giLogCfg.saveLogPath);
-    char nme[gicNmeBytes];
-    if (!_next_log_name(nme)) {
-        printf("fileMod=%d err!!!!\n", static_cast<int>(giLogCfg.fileMod));
-        return -ERR_LOG_PARM_CONT;
-    }
-    return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
+    pollfd rx = {giLogPpFdAry[0], POLLIN, 0};
+    while (rx.fd != -1 && poll(&rx, 1, 0) == 1 && _rx_log_chunk(rx.fd))
+        ;
+}
+
+static void _close_log_pipe_end(int *aiopFd)
+{
+    if (*aiopFd >= 0)
+        (void)close(*aiopFd);
+    _poke(aiopFd, -1);
 }
 
 static void _stop_log_thread()
@@ -304,49 +351,6 @@ static void _release_log()
     pthread_mutex_init(&giSvLogLk, nullptr);
     _close_log_pipe_end(&giLogPpFdAry[0]);
     _close_log_pipe_end(&giLogPpFdAry[1]);
-}
-
-// --- the line's header --------------------------------------------------------------------------
-//
-// "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", put together by hand: expanding that format costs as much
-// as the rest of the line's way into the pipe.
-
-static void _put_digits(char *aopTo, size_t aicCount, long aiValue)
-{
-    for (size_t i = aicCount; i-- > 0; aiValue /= 10)
-        aopTo[i] = static_cast<char>('0' + aiValue % 10);
-}
-
-// Appends as much as there is room for; returns the new length.
-static size_t _put_text(char (&aoLine)[gicLnBytes], size_t aicUsed, const char *aipcText,
-                        size_t aicLen)
-{
-    const size_t left = gicLnBytes - 2 - aicUsed;
-    const size_t take = aicLen < left ? aicLen : left;
-    memcpy(aoLine + aicUsed, aipcText, take);
-    return aicUsed + take;
-}
-
-static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const tm &aicLocal,
-                        long aicUsec, const char *aipcFlNme, int aicLnNum)
-{
-    constexpr size_t field = 15;
-    constexpr size_t name = sizeof "[TAG:hh:mm:ss.00uuuuuu " - 1;
-    memcpy(aoLine, "[TAG:hh:mm:ss.00uuuuuu                ", name + field);
-    memcpy(aoLine + 1, aipcTag, 3);
-    _put_digits(aoLine + 5, 2, aicLocal.tm_hour);
-    _put_digits(aoLine + 8, 2, aicLocal.tm_min);
-    _put_digits(aoLine + 11, 2, aicLocal.tm_sec);
-    _put_digits(aoLine + 16, 6, aicUsec);
-
-    const size_t len = strlen(aipcFlNme);
-    const size_t used = _put_text(aoLine, name + (len < field ? field - len : 0), aipcFlNme, len);
-    char tail[16] = " 0000] ";
-    if (aicLnNum >= 0 && aicLnNum <= 9999)
-        _put_digits(tail + 1, 4, aicLnNum);
-    else
-        (void)snprintf(tail, sizeof tail, " %04d] ", aicLnNum);
-    return _put_text(aoLine, used, tail, strlen(tail));
 }
 
 // --- exported ---------------------------------------------------------------------------------
