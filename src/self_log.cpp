@@ -12,6 +12,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -27,7 +28,7 @@ static constexpr size_t gicNmeBytes = 256;
 static tLogCfg giLogCfg;
 static tLogCfg *gipLogCfg; // null until a record was given
 
-// Guarded by giSvLogLk, but for a first look at gipLogFp.
+// Guarded by giSvLogLk.
 static pthread_mutex_t giSvLogLk = PTHREAD_MUTEX_INITIALIZER;
 static FILE *gipLogFp;
 static int giLogWriteCnt;    // writes into the open file
@@ -39,15 +40,26 @@ static bool gibWlRunFlg;
 static int giLogPpFdAry[2] = {-1, -1};
 static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
 
-// What one thread may read while another one writes it.
+// How many callers use the file and its lock, or the pipe. A caller counts itself first and then
+// looks whether they may be used; the exit call forbids it first and then looks at the count. So
+// once that is 0, nobody uses what is closed.
+static int giLogUsers;
+static bool gibLogFileOpn; // the file may be used; the pipe, while its write end is no -1
+
+// Words another thread may access meanwhile.
 template <typename tWord> static tWord _peek(const tWord *aipcWord)
 {
-    return __atomic_load_n(aipcWord, __ATOMIC_ACQUIRE);
+    return __atomic_load_n(aipcWord, __ATOMIC_SEQ_CST);
 }
 
 template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
 {
-    __atomic_store_n(aopWord, aicValue, __ATOMIC_RELEASE);
+    __atomic_store_n(aopWord, aicValue, __ATOMIC_SEQ_CST);
+}
+
+static void _count_users(int aicMore)
+{
+    (void)__atomic_add_fetch(&giLogUsers, aicMore, __ATOMIC_SEQ_CST);
 }
 
 // --- a line's header --------------------------------------------------------------------------
@@ -144,7 +156,7 @@ static bool _open_log_file(const char *aicpcNme)
 {
     printf("New save log path=%s\n", aicpcNme);
     FILE *pFp = _fopen_above_console(aicpcNme);
-    _poke(&gipLogFp, pFp);
+    gipLogFp = pFp;
     if (pFp == nullptr) {
         puts("fopen() err!!!!");
         return false;
@@ -168,20 +180,8 @@ static void _log_file_rotate()
 
 // --- a line's delivery ------------------------------------------------------------------------
 
-// The direct sink: console first, then file.
-static void _process_log_msg(const char *aipcMsg)
+static void _write_log_file(const char *aipcMsg)
 {
-    if (gipLogCfg == nullptr) {
-        printf("%s", aipcMsg);
-        return;
-    }
-    if (giLogCfg.stdoutLogSwt == LOG_SWITCH_ON)
-        printf("%s", aipcMsg);
-    if (giLogCfg.fileLogSwt != LOG_SWITCH_ON || _peek(&gipLogFp) == nullptr)
-        return;
-
-    // A host may cancel its own threads: none of them may take the lock with it.
-    const int was = thread_defer_cancel();
     pthread_mutex_lock(&giSvLogLk);
     _log_file_rotate();
     if (gipLogFp != nullptr) {
@@ -191,17 +191,37 @@ static void _process_log_msg(const char *aipcMsg)
         giLogWriteCnt = static_cast<int>(static_cast<uint32_t>(giLogWriteCnt) + 1);
     }
     pthread_mutex_unlock(&giSvLogLk);
-    thread_restore_cancel(was);
+}
+
+// The direct sink: console first, then file.
+static void _process_log_msg(const char *aipcMsg)
+{
+    if (gipLogCfg == nullptr || giLogCfg.stdoutLogSwt == LOG_SWITCH_ON)
+        printf("%s", aipcMsg);
+    _count_users(1);
+    if (_peek(&gibLogFileOpn))
+        _write_log_file(aipcMsg);
+    _count_users(-1);
+}
+
+static void _write_log_pipe(const char *aipcMsg)
+{
+    _count_users(1);
+    const int fd = _peek(&giLogPpFdAry[1]);
+    if (fd != -1)
+        (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
+    _count_users(-1);
 }
 
 static void _deliver(const char *aipcMsg)
 {
-    if (gipLogCfg == nullptr)
-        printf("%s", aipcMsg);
-    else if (giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
-        (void)!write(_peek(&giLogPpFdAry[1]), aipcMsg, strlen(aipcMsg)); // else the line is lost
+    // A host may cancel its own threads: none of them may take a lock or a count with it.
+    const int was = thread_defer_cancel();
+    if (gipLogCfg != nullptr && giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
+        _write_log_pipe(aipcMsg);
     else
         _process_log_msg(aipcMsg);
+    thread_restore_cancel(was);
 }
 
 // --- the writer thread ------------------------------------------------------------------------
@@ -224,16 +244,17 @@ static int _wait_log_pipe(int aicFd)
     return ready;
 }
 
-// Takes one chunk out of the pipe, whole lines or a part of one, and passes it on.
-static bool _rx_log_chunk(int aicFd)
+// Takes one chunk out of the pipe, whole lines or a part of one, and passes it on. Gives its
+// length, 0 or less after a failure.
+static ssize_t _rx_log_chunk(int aicFd)
 {
     memset(rxBuf, 0, sizeof rxBuf);
-    if (read(aicFd, rxBuf, sizeof rxBuf - 1) <= 0) {
+    const ssize_t len = read(aicFd, rxBuf, sizeof rxBuf - 1);
+    if (len > 0)
+        _process_log_msg(rxBuf);
+    else
         printf("read() err, msg:%s!!!!\n", strerror(errno));
-        return false;
-    }
-    _process_log_msg(rxBuf);
-    return true;
+    return len;
 }
 
 static void *_rx_log_func_pth(void *)
@@ -264,7 +285,9 @@ static int _start_log_file()
         printf("fileMod=%d err!!!!\n", static_cast<int>(giLogCfg.fileMod));
         return -ERR_LOG_PARM_CONT;
     }
-    return _open_log_file(nme) ? LOG_SUCCESS : -ERR_LOG_FOPEN;
+    const bool bOpn = _open_log_file(nme);
+    _poke(&gibLogFileOpn, bOpn);
+    return bOpn ? LOG_SUCCESS : -ERR_LOG_FOPEN;
 }
 
 static int _open_log_pipe()
@@ -308,21 +331,6 @@ static int _start_log_thread()
 
 // --- stop -------------------------------------------------------------------------------------
 
-// Delivers what was logged before the writer thread was stopped.
-static void _drain_log_pipe()
-{
-    pollfd rx = {giLogPpFdAry[0], POLLIN, 0};
-    while (rx.fd != -1 && poll(&rx, 1, 0) == 1 && _rx_log_chunk(rx.fd))
-        ;
-}
-
-static void _close_log_pipe_end(int *aiopFd)
-{
-    if (*aiopFd >= 0)
-        (void)close(*aiopFd);
-    _poke(aiopFd, -1);
-}
-
 static void _stop_log_thread()
 {
     if (giLogPthdId == 0)
@@ -333,24 +341,63 @@ static void _stop_log_thread()
     (void)pthread_join(giLogPthdId, nullptr);
     puts("_rx_log_func_pth() pthread already stop------");
     giLogPthdId = 0;
-    _drain_log_pipe();
+}
+
+// Waits until no caller uses the file or the pipe, and reads meanwhile, as some may wait for room
+// in the pipe. False when one stands still for half a second: it was interrupted, perhaps, by the
+// very signal handler that called the exit.
+static bool _wait_for_users(int aicRxFd)
+{
+    pollfd rx = {aicRxFd, POLLIN, 0};
+    for (int patience = 50000; _peek(&giLogUsers) != 0; patience -= rx.revents != 0 ? 1 : 100)
+        if (patience <= 0 || (poll(&rx, 1, 1) == 1 && _rx_log_chunk(aicRxFd) <= 0))
+            return false;
+    return true;
+}
+
+// Delivers what the pipe took. Once no thread of ours adds to it there is an end to that, even if a
+// forked child has the other end too.
+static void _drain_log_pipe(int aicRxFd)
+{
+    (void)_wait_for_users(aicRxFd);
+    int left = 0;
+    (void)ioctl(aicRxFd, FIONREAD, &left); // a pipe knows it
+    while (left > 0) {
+        const ssize_t len = _rx_log_chunk(aicRxFd);
+        if (len <= 0)
+            break;
+        left -= static_cast<int>(len);
+    }
 }
 
 static void _release_log()
 {
-    if (giLogCfg.fileLogSwt == LOG_SWITCH_ON) {
-        pthread_mutex_lock(&giSvLogLk);
-        if (gipLogFp != nullptr)
-            (void)fclose(gipLogFp); // flushed at every write
-        _poke(&gipLogFp, static_cast<FILE *>(nullptr));
-        pthread_mutex_unlock(&giSvLogLk);
-    }
+    const int rxFd = giLogPpFdAry[0];
+    const int txFd = giLogPpFdAry[1];
+    _poke(&giLogPpFdAry[1], -1);
+    giLogPpFdAry[0] = -1; // the thread that read it has gone
+    if (rxFd != -1)
+        _drain_log_pipe(rxFd);
+
+    _poke(&gibLogFileOpn, false);
+    pthread_mutex_lock(&giSvLogLk);
+    if (gipLogFp != nullptr)
+        (void)fclose(gipLogFp); // flushed at every write
+    gipLogFp = nullptr;
+    pthread_mutex_unlock(&giSvLogLk);
+
+    // Who stands still keeps its lock, and a pipe with two ends: better than to kill the host by
+    // SIGPIPE, or to write a line into what gets the descriptor's number next.
+    if (!_wait_for_users(-1))
+        return;
     // Left fresh rather than destroyed, so that neither a late line nor a second exit meets a dead
     // lock.
     pthread_mutex_destroy(&giSvLogLk);
     pthread_mutex_init(&giSvLogLk, nullptr);
-    _close_log_pipe_end(&giLogPpFdAry[0]);
-    _close_log_pipe_end(&giLogPpFdAry[1]);
+    if (rxFd != -1) {
+        (void)close(rxFd);
+        (void)close(txFd);
+    }
 }
 
 // --- exported ---------------------------------------------------------------------------------

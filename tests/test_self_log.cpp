@@ -5,8 +5,11 @@
 #include "support.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <fcntl.h>
 #include <regex>
 #include <sys/resource.h>
 
@@ -313,6 +316,86 @@ TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
     for (int i = 0; i < 20; ++i)
         logged(log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON), [] { nap(1); });
     EXPECT_LT(ms_since(start), 1000); // a turn takes 100 ms
+}
+
+// They break the rule that no thread logs any more, and the exit ends all the same: it kills
+// nobody, loses nothing that the pipe took, and lets no line into a descriptor opened since.
+TEST(Log, ThreadsThatGoOnMeetTheExit)
+{
+    static std::atomic<int> pipeSignals{0};
+    signal(SIGPIPE, [](int) { ++pipeSignals; });
+    const struct {
+        const char *what;
+        eLogRunMod mode;
+        unsigned lines;   // have been logged before the exit; 700 are more than the pipe holds
+        const char *slow; // this call takes a while
+        bool late;        // once the exit has begun
+        bool stuck;       // and until it has ended
+    } table[] = {
+        {"direct", LOG_RUN_MAIN_PROGRESS, 100, "none", false, false},
+        {"direct, slow file", LOG_RUN_MAIN_PROGRESS, 1, "fwrite", false, false},
+        {"writer", LOG_RUN_NEW_PTHREAD, 100, "none", false, false},
+        {"writer, full pipe", LOG_RUN_NEW_PTHREAD, 700, "fwrite", false, false},
+        {"writer, late callers", LOG_RUN_NEW_PTHREAD, 100, "write", true, false},
+        {"writer, callers too late", LOG_RUN_NEW_PTHREAD, 100, "write", true, true},
+    };
+    for (size_t round = 0; round < 26; ++round) { // the last row once: it takes a second
+        const auto &row = table[round % 5 + round / 25 * 5];
+        SCOPED_TRACE(row.what);
+        const std::string path = gDir / ("go" + std::to_string(round));
+        const size_t fds = open_descriptors();
+        std::atomic<bool> leaving{false}, stands{false}, left{false}, stop{false};
+        calls_watch([&](const tCall &call) {
+            if (call.name == std::string(row.slow) && leaving >= row.late) {
+                stands = true;
+                row.stuck ? (void)wait_until([&] { return left.load(); }) : nap(2);
+            }
+            return 0;
+        });
+        const tLogCfg cfg = file_cfg(path, 1000000, row.mode);
+        output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
+        std::thread loggers([&] {
+            in_threads(4, [&](int t) {
+                for (int i = 0; !stop; ++i) {
+                    std::string line = std::to_string(t) + " " + std::to_string(i);
+                    line.resize(100, ' ');
+                    logger(0, 0, (line + "\n").c_str());
+                }
+            });
+        });
+        const auto logged = [&] {
+            return calls_count(row.mode == LOG_RUN_NEW_PTHREAD ? "write" : "fwrite");
+        };
+        EXPECT_TRUE(wait_until([&] { return logged() >= row.lines; }));
+        leaving = true;
+        EXPECT_TRUE(wait_until([&] { return stands || !row.late; }));
+        const auto start = std::chrono::steady_clock::now();
+        output_of([] { EXPECT_EQ(0, log_system_exit()); });
+        EXPECT_LT(ms_since(start), 5000);
+        left = true;
+        int foreign[2] = {};
+        for (int &fd : foreign)
+            fd = open((gDir / "foreign").c_str(), O_CREAT | O_RDWR | O_APPEND | O_CLOEXEC, 0600);
+        nap(3);
+        stop = true;
+        loggers.join();
+        calls_stop();
+        EXPECT_EQ("", slurp(gDir / "foreign"));
+        for (const int fd : foreign)
+            close(fd);
+        EXPECT_EQ(fds + (row.stuck ? 2 : 0), open_descriptors());
+        EXPECT_EQ(0, pipeSignals);
+
+        int next[4] = {};
+        const auto lines = lines_of(slurp(path + "-0" + std::to_string(round % 2) + ".log"));
+        for (const auto &line : lines) {
+            const unsigned thread = static_cast<unsigned>(line[0] - '0') % 4;
+            ASSERT_EQ(std::to_string(thread) + " " + std::to_string(next[thread]++) + " ",
+                      line.substr(0, line.find(' ', 2) + 1));
+        }
+        if (!row.stuck)
+            EXPECT_EQ(logged(), lines.size());
+    }
 }
 
 TEST(LogWriter, FailuresOfItsStart)
