@@ -18,17 +18,30 @@ static void _service_wake_cb(int, short, void *aipArg)
     (void)event_base_loopbreak(pServ->pEtBse); // fails on a null base only
 }
 
+// Where a host has closed its console, this is not to get what is printed: it would wake the loop.
+static int _wake_above_console()
+{
+    const int fd = eventfd(0, EFD_CLOEXEC);
+    if (fd == -1 || fd > STDERR_FILENO)
+        return fd;
+    const int above = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int err = errno;
+    (void)close(fd); // an eventfd has nothing to lose
+    errno = err;
+    return above;
+}
+
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
 {
     thread_load_unwinder();
-    *aopServ = {eventfd(0, EFD_CLOEXEC), nullptr, false};
+    *aopServ = {_wake_above_console(), nullptr, false};
     if (aopServ->WakeFd == -1)
         return errno;
     // The call may leave any value behind when it fails, so it gets a variable of its own.
     pthread_t id = 0;
     int err = pthread_create(&id, nullptr, aiEntry, aipArg);
     if (err != 0) {
-        (void)close(aopServ->WakeFd); // an eventfd has nothing to lose
+        (void)close(aopServ->WakeFd);
         aopServ->WakeFd = -1;
         return err;
     }
