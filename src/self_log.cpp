@@ -5,6 +5,7 @@
 #include "thread_internal.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -107,14 +108,29 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 
 // --- files ------------------------------------------------------------------------------------
 
+// A count goes on beyond INT_MAX, and the two names still take turns.
+static constexpr int _next_count(int aicCnt)
+{
+    return static_cast<int>(static_cast<uint32_t>(aicCnt) + 1);
+}
+
+static constexpr int _name_index(int aicCnt)
+{
+    return aicCnt & 1;
+}
+static_assert(_next_count(INT_MAX) == INT_MIN && _name_index(INT_MAX) == 1);
+static_assert(_name_index(INT_MIN) == 0 && _name_index(_next_count(INT_MIN)) == 1);
+
 // Forms the next file's name; false, and an empty name, for an unknown naming. A name that does
 // not fit is cut.
 static bool _next_log_name(char (&aoNme)[gicNmeBytes])
 {
     aoNme[0] = '\0';
-    if (giLogCfg.fileMod == LOG_FILE_TWO)
-        return snprintf(aoNme, gicNmeBytes - 1, "%s-%02d.log", giLogCfg.saveLogPath,
-                        giLogFileBkupCnt++ % 2) >= 0;
+    if (giLogCfg.fileMod == LOG_FILE_TWO) {
+        const int index = _name_index(giLogFileBkupCnt);
+        giLogFileBkupCnt = _next_count(giLogFileBkupCnt);
+        return snprintf(aoNme, gicNmeBytes - 1, "%s-%02d.log", giLogCfg.saveLogPath, index) >= 0;
+    }
     if (giLogCfg.fileMod != LOG_FILE_TIME)
         return false;
     const time_t now = time(nullptr);
@@ -152,12 +168,15 @@ static FILE *_fopen_above_console(const char *aicpcNme)
     return pFp;
 }
 
+// In place of the open file, if there is one: nothing comes in between that could take the
+// descriptor which the close sets free, but another thread by accident.
 static bool _open_log_file(const char *aicpcNme)
 {
     printf("New save log path=%s\n", aicpcNme);
-    FILE *pFp = _fopen_above_console(aicpcNme);
-    gipLogFp = pFp;
-    if (pFp == nullptr) {
+    if (gipLogFp != nullptr)
+        (void)fclose(gipLogFp); // every write was flushed, and there is nobody to tell
+    gipLogFp = _fopen_above_console(aicpcNme);
+    if (gipLogFp == nullptr) {
         puts("fopen() err!!!!");
         return false;
     }
@@ -172,7 +191,6 @@ static void _log_file_rotate()
         return;
     printf("logSaveMaxCnt=%d\n", static_cast<int>(giLogCfg.logSaveMaxCnt));
     puts("rotate start");
-    (void)fclose(gipLogFp); // every write was flushed, and there is nobody to tell
     char nme[gicNmeBytes];
     (void)_next_log_name(nme); // init has refused every naming that gives none
     (void)_open_log_file(nme); // reported; without a file output goes on at the console
@@ -188,7 +206,7 @@ static void _write_log_file(const char *aipcMsg)
         // A full disk is tried again with the next line.
         (void)fwrite(aipcMsg, 1, strlen(aipcMsg), gipLogFp);
         (void)fflush(gipLogFp);
-        giLogWriteCnt = static_cast<int>(static_cast<uint32_t>(giLogWriteCnt) + 1);
+        giLogWriteCnt = _next_count(giLogWriteCnt);
     }
     pthread_mutex_unlock(&giSvLogLk);
 }
@@ -227,8 +245,7 @@ static void _deliver(const char *aipcMsg)
 // --- the writer thread ------------------------------------------------------------------------
 
 // Waits 100 ms at most for the pipe, whose read end may not exist yet. This is where a cancel is
-// let in: the thread holds nothing here, and nothing has been taken out of the pipe. The deferred
-// type leaves it to select() to be unwound from, or not to be struck at all.
+// let in: the thread holds nothing here, and nothing has been taken out of the pipe.
 static int _wait_log_pipe(int aicFd)
 {
     fd_set rxSet;
@@ -236,7 +253,6 @@ static int _wait_log_pipe(int aicFd)
     if (aicFd >= 0)
         FD_SET(aicFd, &rxSet);
     timeval wait = {0, 100000};
-    (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_testcancel();
     const int ready = select(aicFd + 1, &rxSet, nullptr, nullptr, &wait);
@@ -260,13 +276,19 @@ static ssize_t _rx_log_chunk(int aicFd)
 static void *_rx_log_func_pth(void *)
 {
     thread_hold_cancel();
+    // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
+    (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
         const int fd = _peek(&giLogPpFdAry[0]);
         const int ready = _wait_log_pipe(fd);
-        if (ready == -1)
-            printf("select()=-1, msg:%s!!!!\n", strerror(errno));
-        else if (ready > 0)
+        if (ready > 0) {
             (void)_rx_log_chunk(fd); // reported; the loop goes on
+        } else if (ready == -1) {
+            const bool bAgain = errno == EINTR;
+            printf("select()=-1, msg:%s!!!!\n", strerror(errno));
+            if (!bAgain)
+                (void)_wait_log_pipe(-1); // the next turn will hardly fare better
+        }
     }
     pthread_exit(const_cast<char *>("_rx_log_func_pth() exit"));
 }

@@ -200,6 +200,9 @@ TEST(LogRotation, TwoFilesInTurn)
         {1, 3, "3", "2"},
         {0xffffffffU, 9, "123456789", ""},
     };
+    // What was to be said is said before: no descriptor is free for long.
+    calls_watch(
+        [](const tCall &call) { return call.name == std::string("fclose") && puts("shut") < 0; });
     unsigned named = 0; // goes on over stops and starts
     for (const auto &row : table) {
         const std::string path = gDir / ("r" + std::to_string(&row - table));
@@ -212,10 +215,11 @@ TEST(LogRotation, TwoFilesInTurn)
         EXPECT_EQ(row.even, slurp(names[first % 2])) << row.max << " " << row.writes;
         EXPECT_EQ(row.odd, slurp(names[(first + 1) % 2]));
         for (uint64_t i = 1; i * row.max < row.writes; ++i)
-            EXPECT_NE(std::string::npos,
-                      said.find("logSaveMaxCnt=" + std::to_string(row.max) +
-                                "\nrotate start\nNew save log path=" + names[named++ % 2] + "\n"));
+            EXPECT_NE(std::string::npos, said.find("logSaveMaxCnt=" + std::to_string(row.max) +
+                                                   "\nrotate start\nNew save log path=" +
+                                                   names[named++ % 2] + "\nshut\n"));
     }
+    calls_stop();
 }
 
 TEST(LogRotation, TimeNamesAndCutNames)
@@ -454,4 +458,17 @@ TEST(LogWriter, GoesOnAfterFailingCalls)
     EXPECT_EQ(1U, count_of(said, "select()=-1, msg:Interrupted system call!!!!\n")) << said;
     EXPECT_EQ(1U, count_of(said, "read() err, msg:Input/output error!!!!\n"));
     EXPECT_EQ(1U, count_of(said, "first\n"));
+
+    output_of([] {
+        const tLogCfg cfg = log_cfg(LOG_RUN_NEW_PTHREAD, LOG_SWITCH_ON);
+        const int lowest = dup(0); // which the pipe gets
+        close(lowest);
+        EXPECT_EQ(0, log_system_init(&cfg));
+        close(lowest);
+        calls_watch();
+        nap(300);
+        calls_stop();
+        log_system_exit();
+    });
+    EXPECT_LT(calls_count("select"), 12U); // it pauses rather than to take a whole core
 }
