@@ -1,37 +1,35 @@
 // SPDX-License-Identifier: MIT
-#include "common/aes.h"
+#include <common/aes.h>
+
 #include "bytes_internal.h"
-#include <string.h>
 
-namespace
-{
+#include <cstddef>
+#include <cstring>
 
-constexpr unsigned gicBlockLen = 16;
-constexpr size_t gicRounds = 10;
+static constexpr unsigned gicAesBlockLen = 16;
+static constexpr size_t gicAesRounds = 10;
 
 typedef uint8_t state_t[4][4]; // [column][row], the order of the bytes of a block
 
 // All that is kept between calls, one of each in the process and without a lock.
-state_t *state;                                  // the block at work, in the caller's output
-uint8_t RoundKey[gicBlockLen * (gicRounds + 1)]; // the key expanded last
-const uint8_t *Key;                              // the caller's key, while it is expanded
-const uint8_t *Iv;                               // the chaining value, in the caller's memory
+static state_t *state; // the block at work, in the caller's output
+static uint8_t RoundKey[gicAesBlockLen * (gicAesRounds + 1)]; // the key expanded last
+static const uint8_t *Key; // the caller's key, while it is expanded
+static const uint8_t *Iv;  // the chaining value, in the caller's memory
 
 // Multiplies each of four bytes by x: the bit that leaves at the top comes back as 0x1b.
-constexpr uint32_t xtime(uint32_t x)
+static constexpr uint32_t xtime(uint32_t x)
 {
     const uint32_t top = x & 0x80808080;
-
     return (x ^ top) << 1 ^ ((top - (top >> 7)) & 0x1b1b1b1b);
 }
 
 // The same for x squared: the two top bits, as a number t, come back as t * 0x1b without carries,
 // which is t ^ t << 1 ^ t << 3 ^ t << 4.
-constexpr uint32_t _xtime_twice(uint32_t x)
+static constexpr uint32_t _xtime_twice(uint32_t x)
 {
     const uint32_t t = x >> 6 & 0x03030303;
     const uint32_t t9 = t ^ t << 3;
-
     return (x & 0x3f3f3f3f) << 2 ^ t9 ^ t9 << 1;
 }
 static_assert(_xtime_twice(0x40c080ff) == xtime(xtime(0x40c080ff)));
@@ -40,11 +38,10 @@ struct tTables {
     uint8_t sbox[256], rsbox[256], Rcon[255];
 };
 
-constexpr tTables _make_tables()
+static constexpr tTables _make_tables()
 {
     tTables tables = {};
     uint8_t power[255] = {}, log[256] = {}; // of x + 1: its powers are all the bytes but 0
-
     for (uint32_t i = 0, value = 1; i < 255; i++, value ^= xtime(value)) {
         power[i] = static_cast<uint8_t>(value);
         log[value] = static_cast<uint8_t>(i);
@@ -53,7 +50,6 @@ constexpr tTables _make_tables()
         const uint32_t inverse = i == 0 ? 0 : power[(255 - log[i]) % 255];
         const uint32_t twice = inverse * 0x101; // shifted down by n: rotated to the left by 8 - n
         const uint32_t image = (twice ^ twice >> 4 ^ twice >> 5 ^ twice >> 6 ^ twice >> 7) & 0xff;
-
         tables.sbox[i] = static_cast<uint8_t>(image ^ 0x63);
         tables.rsbox[image ^ 0x63] = static_cast<uint8_t>(i);
     }
@@ -62,20 +58,20 @@ constexpr tTables _make_tables()
     return tables;
 }
 
-constexpr tTables gicTables = _make_tables();
-constexpr const uint8_t (&sbox)[256] = gicTables.sbox;
-constexpr const uint8_t (&rsbox)[256] = gicTables.rsbox;
-constexpr const uint8_t (&Rcon)[255] = gicTables.Rcon; // from 1: the constant of that round
+static constexpr tTables gicTables = _make_tables();
+static constexpr const uint8_t (&sbox)[256] = gicTables.sbox;
+static constexpr const uint8_t (&rsbox)[256] = gicTables.rsbox;
+static constexpr const uint8_t (&Rcon)[255] = gicTables.Rcon; // from 1: the constant of that round
 static_assert(sbox[0x00] == 0x63 && sbox[0x53] == 0xed && sbox[0xff] == 0x16);
 static_assert(rsbox[0x00] == 0x52 && rsbox[0xed] == 0x53 && rsbox[0xff] == 0x7d);
 static_assert(Rcon[0] == 0x8d && Rcon[1] == 0x01 && Rcon[9] == 0x1b && Rcon[10] == 0x36);
 
-inline uint8_t getSBoxValue(uint32_t num)
+static inline uint8_t getSBoxValue(uint32_t num)
 {
     return sbox[num];
 }
 
-inline uint8_t getSBoxInvert(uint32_t num)
+static inline uint8_t getSBoxInvert(uint32_t num)
 {
     return rsbox[num];
 }
@@ -85,113 +81,108 @@ inline uint8_t getSBoxInvert(uint32_t num)
 // their loops straight code, and with it the single bytes values in registers.
 typedef uint32_t tColumns[4];
 
-inline void _load_columns(tColumns &s, const uint8_t *aipcBlock)
+static inline void _load_columns(tColumns &s, const uint8_t *aipcBlock)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++)
-        s[c] = _load32<false>(aipcBlock + 4 * c);
+        s[c] = bytes_load_le32(aipcBlock + 4 * c);
 }
 
-inline void _store_columns(uint8_t *aopBlock, const tColumns &s)
+static inline void _store_columns(uint8_t *aopBlock, const tColumns &s)
 {
     for (size_t c = 0; c < 4; c++)
-        _store32<false>(aopBlock + 4 * c, s[c]);
+        bytes_store_le32(aopBlock + 4 * c, s[c]);
 }
 
-void KeyExpansion()
+static void KeyExpansion()
 {
     uint32_t word = 0;
-
-    memcpy(RoundKey, Key, gicBlockLen);
-    word = _load32<false>(RoundKey + gicBlockLen - 4);
-    for (size_t i = 4; i < 4 * (gicRounds + 1); i++) {
+    memcpy(RoundKey, Key, gicAesBlockLen);
+    word = bytes_load_le32(RoundKey + gicAesBlockLen - 4);
+    for (size_t i = 4; i < 4 * (gicAesRounds + 1); i++) {
         if (i % 4 == 0) {
-            const uint32_t rotated = _rotr(word, 8);
+            const uint32_t rotated = bytes_rotr32(word, 8);
             uint8_t substituted[4] = {};
 
 #pragma GCC unroll 4
             for (size_t r = 0; r < 4; r++)
                 substituted[r] = getSBoxValue(rotated >> 8 * r & 0xff);
-            word = _load32<false>(substituted) ^ Rcon[i / 4];
+            word = bytes_load_le32(substituted) ^ Rcon[i / 4];
         }
-        word ^= _load32<false>(RoundKey + 4 * (i - 4));
-        _store32<false>(RoundKey + 4 * i, word);
+        word ^= bytes_load_le32(RoundKey + 4 * (i - 4));
+        bytes_store_le32(RoundKey + 4 * i, word);
     }
 }
 
-inline void AddRoundKey(tColumns &s, size_t round)
+static inline void AddRoundKey(tColumns &s, size_t round)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++)
-        s[c] ^= _load32<false>(RoundKey + gicBlockLen * round + 4 * c);
+        s[c] ^= bytes_load_le32(RoundKey + gicAesBlockLen * round + 4 * c);
 }
 
-inline void SubBytes(state_t &aoBytes, const tColumns &s)
+static inline void SubBytes(state_t &aoBytes, const tColumns &s)
 {
 #pragma GCC unroll 16
     for (size_t i = 0; i < 16; i++)
         aoBytes[i / 4][i % 4] = getSBoxValue(s[i / 4] >> 8 * (i % 4) & 0xff);
 }
 
-inline void ShiftRows(tColumns &s, const state_t &aicBytes)
+static inline void ShiftRows(tColumns &s, const state_t &aicBytes)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++) {
         const uint8_t column[4] = {aicBytes[c][0], aicBytes[(c + 1) % 4][1],
                                    aicBytes[(c + 2) % 4][2], aicBytes[(c + 3) % 4][3]};
-
-        s[c] = _load32<false>(column);
+        s[c] = bytes_load_le32(column);
     }
 }
 
-inline void MixColumns(tColumns &s)
+static inline void MixColumns(tColumns &s)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++) {
-        const uint32_t next = _rotr(s[c], 8);
+        const uint32_t next = bytes_rotr32(s[c], 8);
         const uint32_t sum = s[c] ^ next;
-
         // Row r: 2 s(r) + 3 s(r+1) + s(r+2) + s(r+3).
-        s[c] = xtime(sum) ^ next ^ _rotr(sum, 16);
+        s[c] = xtime(sum) ^ next ^ bytes_rotr32(sum, 16);
     }
 }
 
-inline void InvShiftRows(state_t &aoBytes, const tColumns &s)
+static inline void InvShiftRows(state_t &aoBytes, const tColumns &s)
 {
 #pragma GCC unroll 16
     for (size_t i = 0; i < 16; i++)
         aoBytes[i / 4][i % 4] = static_cast<uint8_t>(s[(i / 4 + 4 - i % 4) % 4] >> 8 * (i % 4));
 }
 
-inline void InvSubBytes(tColumns &s, const state_t &aicBytes)
+static inline void InvSubBytes(tColumns &s, const state_t &aicBytes)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++) {
         const uint8_t column[4] = {getSBoxInvert(aicBytes[c][0]), getSBoxInvert(aicBytes[c][1]),
                                    getSBoxInvert(aicBytes[c][2]), getSBoxInvert(aicBytes[c][3])};
-
-        s[c] = _load32<false>(column);
+        s[c] = bytes_load_le32(column);
     }
 }
 
-inline void InvMixColumns(tColumns &s)
+static inline void InvMixColumns(tColumns &s)
 {
     // {0b}x^3 + {0d}x^2 + {09}x + {0e} is {03}x^3 + {01}x^2 + {01}x + {02}, the polynomial of
     // MixColumns, times {04}x^2 + {05}.
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++)
-        s[c] ^= _xtime_twice(s[c] ^ _rotr(s[c], 16));
+        s[c] ^= _xtime_twice(s[c] ^ bytes_rotr32(s[c], 16));
     MixColumns(s);
 }
 
-void Cipher()
+static void Cipher()
 {
     tColumns s;
     state_t bytes;
-
     _load_columns(s, reinterpret_cast<const uint8_t *>(state));
     AddRoundKey(s, 0);
-    for (size_t round = 1; round < gicRounds; round++) {
+    for (size_t round = 1; round < gicAesRounds; round++) {
         SubBytes(bytes, s);
         ShiftRows(s, bytes);
         MixColumns(s);
@@ -199,18 +190,17 @@ void Cipher()
     }
     SubBytes(bytes, s);
     ShiftRows(s, bytes);
-    AddRoundKey(s, gicRounds);
+    AddRoundKey(s, gicAesRounds);
     _store_columns(reinterpret_cast<uint8_t *>(state), s);
 }
 
-void InvCipher()
+static void InvCipher()
 {
     tColumns s;
     state_t bytes;
-
     _load_columns(s, reinterpret_cast<const uint8_t *>(state));
-    AddRoundKey(s, gicRounds);
-    for (size_t round = gicRounds - 1; round > 0; round--) {
+    AddRoundKey(s, gicAesRounds);
+    for (size_t round = gicAesRounds - 1; round > 0; round--) {
         InvShiftRows(bytes, s);
         InvSubBytes(s, bytes);
         AddRoundKey(s, round);
@@ -222,14 +212,14 @@ void InvCipher()
     _store_columns(reinterpret_cast<uint8_t *>(state), s);
 }
 
-void _set_key(const uint8_t *aipcKey)
+static void _set_key(const uint8_t *aipcKey)
 {
     Key = aipcKey;
     KeyExpansion();
 }
 
 // What a null leaves as it is.
-void _set_key_and_iv(const uint8_t *aipcKey, const uint8_t *aipcIv)
+static void _set_key_and_iv(const uint8_t *aipcKey, const uint8_t *aipcIv)
 {
     if (aipcKey != nullptr)
         _set_key(aipcKey);
@@ -237,35 +227,33 @@ void _set_key_and_iv(const uint8_t *aipcKey, const uint8_t *aipcIv)
         Iv = aipcIv;
 }
 
-void _run(void (*aicpCipher)(), uint8_t *aopBlock)
+static void _run(void (*aicpCipher)(), uint8_t *aopBlock)
 {
     state = reinterpret_cast<state_t *>(aopBlock);
     aicpCipher();
 }
 
 // The two may be the same block.
-void BlockCopy(uint8_t *output, const uint8_t *input)
+static void BlockCopy(uint8_t *output, const uint8_t *input)
 {
-    memmove(output, input, gicBlockLen);
+    memmove(output, input, gicAesBlockLen);
 }
 
-void _copy_padded(uint8_t *aopOutput, const uint8_t *aipcInput, uint32_t aicLen)
+static void _copy_padded(uint8_t *aopOutput, const uint8_t *aipcInput, uint32_t aicLen)
 {
     memmove(aopOutput, aipcInput, aicLen);
-    memset(aopOutput + aicLen, 0, gicBlockLen - aicLen);
+    memset(aopOutput + aicLen, 0, gicAesBlockLen - aicLen);
 }
 
 // Before any Iv was given the chaining value is a block of zeros.
-void XorWithIv(uint8_t *buf)
+static void XorWithIv(uint8_t *buf)
 {
     if (Iv == nullptr)
         return;
 #pragma GCC unroll 4
-    for (size_t i = 0; i < gicBlockLen; i += 4)
-        _store32<false>(buf + i, _load32<false>(buf + i) ^ _load32<false>(Iv + i));
+    for (size_t i = 0; i < gicAesBlockLen; i += 4)
+        bytes_store_le32(buf + i, bytes_load_le32(buf + i) ^ bytes_load_le32(Iv + i));
 }
-
-} // namespace
 
 void AES128_ECB_encrypt(uint8_t *input, const uint8_t *key, uint8_t *output)
 {
@@ -285,13 +273,13 @@ void AES128_CBC_encrypt_buffer(uint8_t *output, uint8_t *input, uint32_t length,
                                const uint8_t *iv)
 {
     _set_key_and_iv(key, iv);
-    for (; length >= gicBlockLen; length -= gicBlockLen) {
+    for (; length >= gicAesBlockLen; length -= gicAesBlockLen) {
         XorWithIv(input);
         BlockCopy(output, input);
         _run(Cipher, output);
         Iv = output;
-        input += gicBlockLen;
-        output += gicBlockLen;
+        input += gicAesBlockLen;
+        output += gicAesBlockLen;
     }
     if (length > 0) {
         _copy_padded(output, input, length);
@@ -305,13 +293,13 @@ void AES128_CBC_decrypt_buffer(uint8_t *output, uint8_t *input, uint32_t length,
                                const uint8_t *iv)
 {
     _set_key_and_iv(key, iv);
-    for (; length >= gicBlockLen; length -= gicBlockLen) {
+    for (; length >= gicAesBlockLen; length -= gicAesBlockLen) {
         BlockCopy(output, input);
         _run(InvCipher, output);
         XorWithIv(output);
         Iv = input;
-        input += gicBlockLen;
-        output += gicBlockLen;
+        input += gicAesBlockLen;
+        output += gicAesBlockLen;
     }
     if (length > 0) {
         _copy_padded(output, input, length);

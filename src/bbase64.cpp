@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: MIT
-#include "common/bbase64.h"
-#include <stdint.h>
+#include <common/bbase64.h>
 
-namespace
-{
+#include <cstdint>
 
-constexpr char b_base64_set[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-static_assert(sizeof(b_base64_set) == 64 + 1);
+static constexpr char b_base64_set[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+static_assert(sizeof b_base64_set == 64 + 1);
 
 struct tValues {
     int8_t of[256];
 };
 
 // The set turned round: the value of each of its characters, -1 for all others.
-constexpr tValues _make_values()
+static constexpr tValues _make_values()
 {
     tValues values = {};
-
     for (int8_t &value : values.of)
         value = -1;
     for (int8_t i = 0; i < 64; i++)
@@ -24,9 +22,9 @@ constexpr tValues _make_values()
     return values;
 }
 
-constexpr tValues gicValues = _make_values();
+static constexpr tValues gicValues = _make_values();
 
-constexpr int bbase64_decode_unit(char ch)
+static constexpr int bbase64_decode_unit(char ch)
 {
     return ch == '=' ? 0 : gicValues.of[static_cast<unsigned char>(ch)];
 }
@@ -35,11 +33,10 @@ static_assert(bbase64_decode_unit('A') == 0 && bbase64_decode_unit('z') == 51 &&
               bbase64_decode_unit('/') == 63 && bbase64_decode_unit('=') == 0 &&
               bbase64_decode_unit('-') == -1 && bbase64_decode_unit('\0') == -1);
 
-inline void _encode_group(const unsigned char *aipcBytes, char *aopText)
+static inline void _encode_group(const unsigned char *aipcBytes, char *aopText)
 {
     const unsigned int b0 = aipcBytes[0], b1 = aipcBytes[1], b2 = aipcBytes[2];
     const unsigned int acc = b0 << 16 | b1 << 8 | b2;
-
     aopText[0] = b_base64_set[acc >> 18];
     aopText[1] = b_base64_set[acc >> 12 & 63];
     aopText[2] = b_base64_set[acc >> 6 & 63];
@@ -47,10 +44,9 @@ inline void _encode_group(const unsigned char *aipcBytes, char *aopText)
 }
 
 // Decodes a group of four characters of the set; false for any other, which writes nothing.
-inline bool _decode_group(const char *aipcText, unsigned char *aopBytes)
+static inline bool _decode_group(const char *aipcText, unsigned char *aopBytes)
 {
     uint32_t acc = 0;
-
     // The -1 of a character outside the set reaches the top bit from any place.
 #pragma GCC unroll 4
     for (unsigned i = 0; i < 4; i++)
@@ -66,15 +62,13 @@ inline bool _decode_group(const char *aipcText, unsigned char *aopBytes)
 
 // Decodes a group that is not four characters of the set. Such a group ends the text: it is padded
 // and gives 1 or 2 bytes, or it is malformed (-1).
-int _decode_last_group(const char *aipcText, unsigned char *aopBytes)
+static int _decode_last_group(const char *aipcText, unsigned char *aopBytes)
 {
-    unsigned int acc = 0;
-
     if (aipcText[0] == '=' || aipcText[1] == '=')
         return -1;
+    unsigned int acc = 0;
     for (unsigned i = 0; i < 4; i++) {
         const int unit = bbase64_decode_unit(aipcText[i]);
-
         if (unit < 0)
             return -1;
         acc = acc << 6 | static_cast<unsigned int>(unit);
@@ -85,8 +79,6 @@ int _decode_last_group(const char *aipcText, unsigned char *aopBytes)
     aopBytes[1] = static_cast<unsigned char>(acc >> 8);
     return 2;
 }
-
-} // namespace
 
 int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t dst_len)
 {

@@ -8,26 +8,23 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr),
+uint64_t buffer_memory;
+static_assert(__atomic_always_lock_free(sizeof buffer_memory, nullptr),
               "the counter needs no lock and no helper library");
 
-uint64_t buffer_memory;
-
-namespace
-{
 // The next multiple of step above size, or -1 beyond 2^31 - 1. size is not negative.
-int _capacity(int size, int step)
+static int _capacity(int size, int step)
 {
-    int add = step - size % step;
+    const int add = step - size % step;
     return size > INT32_MAX - add ? -1 : size + add;
 }
 
-void _count(uint64_t bytes)
+static void _count(uint64_t bytes)
 {
-    __atomic_fetch_add(&buffer_memory, bytes, __ATOMIC_RELAXED);
+    (void)__atomic_fetch_add(&buffer_memory, bytes, __ATOMIC_RELAXED);
 }
 
-void _uncount(uint64_t bytes)
+static void _uncount(uint64_t bytes)
 {
     uint64_t now = __atomic_load_n(&buffer_memory, __ATOMIC_RELAXED);
     uint64_t next;
@@ -38,7 +35,7 @@ void _uncount(uint64_t bytes)
 }
 
 // To a capacity of need bytes.
-bool _grow(buffer_t *buf, int64_t need)
+static bool _grow(buffer_t *buf, int64_t need)
 {
     if (need > INT32_MAX)
         return false;
@@ -47,82 +44,63 @@ bool _grow(buffer_t *buf, int64_t need)
 }
 
 // Makes room for len bytes and the 0 behind them.
-bool _reserve(buffer_t *buf, int64_t len)
+static bool _reserve(buffer_t *buf, int64_t len)
 {
     return buf->size - buf->used > len || _grow(buf, buf->used + len + 1);
 }
 
 // Room for it has been made.
-inline void _put(buffer_t *buf, const void *from, uint32 len)
+static inline void _put(buffer_t *buf, const void *from, uint32 len)
 {
-    char *end = buf->ptr + buf->used;
-    int32_t used = buf->used + static_cast<int32_t>(len);
-    std::memcpy(end, from, len);
+    char *const end = buf->ptr + buf->used;
+    const int32_t used = buf->used + static_cast<int32_t>(len);
+    memcpy(end, from, len);
     end[len] = 0;
     buf->used = used;
 }
 
-// The place of each byte is written out so that compilers see the byte swap in it.
-template <typename T, typename... tShift> T _from_bytes(T v, tShift... shift)
+// The value whose bytes in memory are those of v, most or least significant first. With the loop
+// unrolled compilers see the byte swap in it.
+template <bool abBigEndian, typename T> static T _in_order(T v)
 {
-    const uint8 bytes[] = {static_cast<uint8>(v >> shift)...};
-    static_assert(sizeof bytes == sizeof v, "one shift a byte");
     T out;
-    std::memcpy(&out, bytes, sizeof out);
+    auto *const bytes = reinterpret_cast<uint8 *>(&out);
+#pragma GCC unroll 8
+    for (size_t i = 0; i < sizeof v; i++)
+        bytes[i] = static_cast<uint8>(v >> 8 * (abBigEndian ? sizeof v - 1 - i : i));
     return out;
 }
 
-inline uint8 _be(uint8 v)
-{
-    return v;
-}
-
-inline uint16 _be(uint16 v)
-{
-    return _from_bytes(v, 8, 0);
-}
-
-inline uint32 _be(uint32 v)
-{
-    return _from_bytes(v, 24, 16, 8, 0);
-}
-
-inline uint64 _be(uint64 v)
-{
-    return _from_bytes(v, 56, 48, 40, 32, 24, 16, 8, 0);
-}
-
 // Apart and called last, so that the way without growth is short and needs no stack.
-template <typename T> __attribute__((noinline)) void _write_slowly(buffer_t *buf, T v)
+template <typename T> __attribute__((noinline)) static void _write_slowly(buffer_t *buf, T v)
 {
     _write_ex(buf, &v, sizeof v);
 }
 
-template <typename T> void _write_be(buffer_t *buf, T v)
+template <typename T> static void _write_be(buffer_t *buf, T v)
 {
-    v = _be(v);
+    v = _in_order<true>(v);
     if (__builtin_expect(buf == nullptr || buf->size - buf->used <= int32_t{sizeof v}, 0))
         _write_slowly(buf, v);
     else
         _put(buf, &v, sizeof v);
 }
-} // namespace
 
 buffer_t *buffer_init(int size)
 {
-    int capacity = size < 0 ? -1 : _capacity(size, 64);
+    const int capacity = size < 0 ? -1 : _capacity(size, 64);
     if (capacity < 0)
         return nullptr;
-    auto *b = static_cast<buffer_t *>(std::calloc(1, sizeof(buffer_t)));
+    auto *const b = static_cast<buffer_t *>(calloc(1, sizeof(buffer_t)));
     if (b == nullptr)
         return nullptr;
     b->size = capacity;
-    b->ptr = static_cast<char *>(std::calloc(1, static_cast<size_t>(capacity)));
+    b->ptr = static_cast<char *>(calloc(1, static_cast<size_t>(capacity)));
     if (b->ptr == nullptr) {
-        std::free(b);
+        free(b);
         return nullptr;
     }
-    _count(static_cast<uint64_t>(capacity) + sizeof(buffer_t));
+    _count(static_cast<uint64_t>(capacity) + sizeof *b);
     return b;
 }
 
@@ -130,9 +108,9 @@ void buffer_free(buffer_t *b)
 {
     if (b == nullptr)
         return;
-    _uncount(static_cast<uint64_t>(b->size) + sizeof(buffer_t));
-    std::free(b->ptr);
-    std::free(b);
+    _uncount(static_cast<uint64_t>(b->size) + sizeof *b);
+    free(b->ptr);
+    free(b);
 }
 
 void buffer_reset(buffer_t *b)
@@ -140,17 +118,17 @@ void buffer_reset(buffer_t *b)
     if (b == nullptr)
         return;
     b->used = 0;
-    std::memset(b->ptr, 0, static_cast<size_t>(b->size));
+    memset(b->ptr, 0, static_cast<size_t>(b->size));
 }
 
 void buffer_expand(buffer_t *b, int size)
 {
     if (b == nullptr || b->size >= size)
         return;
-    int capacity = _capacity(size, 512);
+    const int capacity = _capacity(size, 512);
     if (capacity < 0)
         return;
-    auto *moved = static_cast<char *>(std::realloc(b->ptr, static_cast<size_t>(capacity)));
+    auto *const moved = static_cast<char *>(realloc(b->ptr, static_cast<size_t>(capacity)));
     if (moved == nullptr)
         return;
     _count(static_cast<uint64_t>(capacity - b->size));
@@ -174,7 +152,7 @@ void buffer_copy(buffer_t *dst, buffer_t *src)
         return;
     if (src->used >= dst->size && !_grow(dst, int64_t{src->used} + 1))
         return;
-    std::memmove(dst->ptr, src->ptr, static_cast<size_t>(src->used)); // src may be dst
+    memmove(dst->ptr, src->ptr, static_cast<size_t>(src->used)); // src may be dst
     dst->used = src->used;
     dst->ptr[dst->used] = 0;
 }
@@ -183,8 +161,8 @@ char *buffer_calloc(buffer_t *allocator, int len)
 {
     if (len < 0 || allocator->size - allocator->used <= len)
         return nullptr;
-    char *p = allocator->ptr + allocator->used;
-    std::memset(p, 0, static_cast<size_t>(len));
+    char *const p = allocator->ptr + allocator->used;
+    memset(p, 0, static_cast<size_t>(len));
     allocator->used += len;
     return p;
 }
@@ -201,17 +179,18 @@ int read_buffer(int fd, buffer_t *p_buff_t)
         toread = 1;
     if (p_buff_t->size - p_buff_t->used < toread)
         _grow(p_buff_t, int64_t{p_buff_t->used} + toread + 1);
-    int room = p_buff_t->size - p_buff_t->used;
+    const int room = p_buff_t->size - p_buff_t->used;
     if (toread > room)
         toread = room;
-    ssize_t got = read(fd, p_buff_t->ptr + p_buff_t->used, static_cast<size_t>(toread));
+    const ssize_t got = read(fd, p_buff_t->ptr + p_buff_t->used, static_cast<size_t>(toread));
     if (got > 0) {
         p_buff_t->used += static_cast<int32_t>(got);
         return static_cast<int>(got);
     }
     if (got < 0 && (errno == EINTR || errno == EAGAIN))
         return 0;
-    std::printf("toread:%d ret:%d, msg:%s\n", toread, static_cast<int>(got), std::strerror(errno));
+    // A trace line: if it is lost, nobody could be told.
+    (void)printf("toread:%d ret:%d, msg:%s\n", toread, static_cast<int>(got), strerror(errno));
     return -1;
 }
 
@@ -221,39 +200,39 @@ void buffer_shift(buffer_t *b, int len)
         return;
     b->used -= len;
     if (len > 0)
-        std::memmove(b->ptr, b->ptr + len, static_cast<size_t>(b->used));
+        memmove(b->ptr, b->ptr + len, static_cast<size_t>(b->used));
     if (b->used < b->size) // a full buffer has no byte left for it
         b->ptr[b->used] = 0;
 }
 
 uint16 TO_WLE(uint16 _p)
 {
-    return _from_bytes(_p, 0, 8);
+    return _in_order<false>(_p);
 }
 
 uint32 TO_DWLE(uint32 _p)
 {
-    return _from_bytes(_p, 0, 8, 16, 24);
+    return _in_order<false>(_p);
 }
 
 uint64 TO_QWLE(uint64 _p)
 {
-    return _from_bytes(_p, 0, 8, 16, 24, 32, 40, 48, 56);
+    return _in_order<false>(_p);
 }
 
 uint16 TO_WBE(uint16 _p)
 {
-    return _be(_p);
+    return _in_order<true>(_p);
 }
 
 uint32 TO_DWBE(uint32 _p)
 {
-    return _be(_p);
+    return _in_order<true>(_p);
 }
 
 uint64 TO_QWBE(uint64 _p)
 {
-    return _be(_p);
+    return _in_order<true>(_p);
 }
 
 void _write_ex(buffer_t *buf, const void *wbuf, uint32 len)
@@ -294,7 +273,7 @@ void write_bytes(buffer_t *buf, char *s, uint32 l)
 void write_string(buffer_t *buf, char *s, uint32 l)
 {
     // The room for both parts comes first: a length without its bytes would misalign the reader.
-    int64_t both = int64_t{l} + 4;
+    const int64_t both = int64_t{l} + 4;
     if (buf == nullptr || !_reserve(buf, 4) || !_reserve(buf, both))
         return;
     write_uint32(buf, l);

@@ -3,35 +3,33 @@
 
 #include <cstring>
 
-// The results of the lock calls are not looked at: on a lock that fifo_init() made they can fail
-// only for a thread that already holds it, and no function here calls out while it does.
-namespace
-{
+// The results of the lock calls are ignored: on a lock that fifo_init() made they can fail only for
+// a thread that already holds it, and no function here calls out while it does.
+
 struct tFill {
-    uint32_t count;
+    const uint32_t count;
     uint32_t depth;
 };
 
-tFill _look(tFifo *aipcFifo)
+static tFill _look(tFifo *aipcFifo)
 {
-    pthread_rwlock_rdlock(&aipcFifo->fifoRwLk);
-    tFill fill{aipcFifo->Counter, aipcFifo->Depth};
-    pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
+    (void)pthread_rwlock_rdlock(&aipcFifo->fifoRwLk);
+    const tFill fill{aipcFifo->Counter, aipcFifo->Depth};
+    (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
     return fill;
 }
 
 // The callers hold the lock for writing.
-char *_slot(tFifo *aipcFifo, uint32_t index)
+static char *_slot(tFifo *aipcFifo, uint32_t index)
 {
-    uint32_t offset = aipcFifo->ElementBytes * index;
+    const uint32_t offset = aipcFifo->ElementBytes * index;
     return static_cast<char *>(aipcFifo->Buff) + offset;
 }
 
-uint32_t _next(const tFifo *aipcFifo, uint32_t index)
+static uint32_t _next(const tFifo *aipcFifo, uint32_t index)
 {
     return index + 1 >= aipcFifo->Depth ? 0 : index + 1;
 }
-} // namespace
 
 void fifo_init(tFifo *aipcFifo, void *aipBuff, uint32_t aicElemBytes, uint32_t aicDepth)
 {
@@ -41,7 +39,7 @@ void fifo_init(tFifo *aipcFifo, void *aipBuff, uint32_t aicElemBytes, uint32_t a
     aipcFifo->Head = 0;
     aipcFifo->Tail = 0;
     aipcFifo->Counter = 0;
-    pthread_rwlock_init(&aipcFifo->fifoRwLk, nullptr);
+    (void)pthread_rwlock_init(&aipcFifo->fifoRwLk, nullptr);
 }
 
 int fifo_is_empty(tFifo *aipcFifo)
@@ -51,7 +49,7 @@ int fifo_is_empty(tFifo *aipcFifo)
 
 int fifo_is_full(tFifo *aipcFifo)
 {
-    tFill fill = _look(aipcFifo);
+    const tFill fill = _look(aipcFifo);
     return fill.count == fill.depth;
 }
 
@@ -64,22 +62,22 @@ uint32_t fifo_get_data_count(tFifo *aipcFifo)
 // free slot, or another consumer the last element.
 int fifo_add_one(tFifo *aipcFifo, void *aipVal)
 {
-    pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
-    uint32_t count = aipcFifo->Counter;
-    bool room = count != aipcFifo->Depth;
+    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    const uint32_t count = aipcFifo->Counter;
+    const bool room = count != aipcFifo->Depth;
     if (room) {
-        uint32_t tail = aipcFifo->Tail;
-        std::memcpy(_slot(aipcFifo, tail), aipVal, aipcFifo->ElementBytes);
+        const uint32_t tail = aipcFifo->Tail;
+        memcpy(_slot(aipcFifo, tail), aipVal, aipcFifo->ElementBytes);
         aipcFifo->Tail = _next(aipcFifo, tail);
         aipcFifo->Counter = count + 1;
     }
-    pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
+    (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
     return room;
 }
 
 uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd)
 {
-    char *val = static_cast<char *>(aipVals);
+    auto *val = static_cast<char *>(aipVals);
     uint32_t done = 0;
     for (; done < aicElemCntToAdd && fifo_add_one(aipcFifo, val); done++)
         val += aipcFifo->ElementBytes;
@@ -88,21 +86,21 @@ uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd)
 
 int fifo_get_one(tFifo *aipcFifo, void *aopVal)
 {
-    pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
-    uint32_t count = aipcFifo->Counter;
+    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    const uint32_t count = aipcFifo->Counter;
     if (count != 0) {
-        uint32_t head = aipcFifo->Head;
-        std::memcpy(aopVal, _slot(aipcFifo, head), aipcFifo->ElementBytes);
+        const uint32_t head = aipcFifo->Head;
+        memcpy(aopVal, _slot(aipcFifo, head), aipcFifo->ElementBytes);
         aipcFifo->Head = _next(aipcFifo, head);
         aipcFifo->Counter = count - 1;
     }
-    pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
+    (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
     return count != 0;
 }
 
 uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead)
 {
-    char *val = static_cast<char *>(aopVals);
+    auto *val = static_cast<char *>(aopVals);
     uint32_t done = 0;
     for (; done < aicElemCntToRead && fifo_get_one(aipcFifo, val); done++)
         val += aipcFifo->ElementBytes;
@@ -111,9 +109,9 @@ uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead)
 
 void fifo_clear(tFifo *aipcFifo)
 {
-    pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
     aipcFifo->Counter = 0;
     aipcFifo->Head = 0;
     aipcFifo->Tail = 0;
-    pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
+    (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
 }

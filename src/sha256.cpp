@@ -1,22 +1,22 @@
 // SPDX-License-Identifier: MIT
-#include "common/sha256.h"
-#include "common/self_log.h"
+#include <common/sha256.h>
+
 #include "digest_internal.h"
+
+#include <common/self_log.h>
 #include <utility>
 
 // The ceiling for log lines of this module, which has none so far.
 [[maybe_unused]] static const eLogLevl g_fl_log_lev = LOG_LEV_ERROR;
 
-namespace
-{
-
 struct tSha256 {
     using tCtx = sha256_ctx;
-    static constexpr bool gicBigEndian = true;
+    static constexpr bool gibBigEndian = true;
+    static constexpr auto store32 = bytes_store_be32;
     static constexpr auto process_block = sha256_process_block;
 };
 
-constexpr uint32_t sha256_round_constants[64] = {
+static constexpr uint32_t sha256_round_constants[64] = {
     0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
     0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
     0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
@@ -30,8 +30,8 @@ constexpr uint32_t sha256_round_constants[64] = {
 // Round i of FIPS 180-4, 6.2.2. The roles of the eight words turn by one each round, and the
 // schedule keeps its last sixteen words; all of that and the constant are known at compile time.
 template <size_t i>
-[[gnu::always_inline]] inline void _round(uint32_t (&aoState)[8], uint32_t (&aoSchedule)[16],
-                                          uint32_t &aoBxorC, const uint8_t *aipcBlock)
+[[gnu::always_inline]] static inline void _round(uint32_t (&aoState)[8], uint32_t (&aoSchedule)[16],
+                                                 uint32_t &aoBxorC, const uint8_t *aipcBlock)
 {
     const uint32_t a = aoState[(64 - i) % 8], b = aoState[(65 - i) % 8];
     const uint32_t e = aoState[(68 - i) % 8], f = aoState[(69 - i) % 8], g = aoState[(70 - i) % 8];
@@ -39,17 +39,16 @@ template <size_t i>
     uint32_t &w = aoSchedule[i % 16];
 
     if constexpr (i < 16) {
-        w = _load32<true>(aipcBlock + 4 * i);
+        w = bytes_load_be32(aipcBlock + 4 * i);
     } else {
         const uint32_t w2 = aoSchedule[(i - 2) % 16], w15 = aoSchedule[(i - 15) % 16];
-
-        w += (_rotr(w15, 7) ^ _rotr(w15, 18) ^ w15 >> 3) + aoSchedule[(i - 7) % 16] +
-             (_rotr(w2, 17) ^ _rotr(w2, 19) ^ w2 >> 10);
+        w += (bytes_rotr32(w15, 7) ^ bytes_rotr32(w15, 18) ^ w15 >> 3) + aoSchedule[(i - 7) % 16] +
+             (bytes_rotr32(w2, 17) ^ bytes_rotr32(w2, 19) ^ w2 >> 10);
     }
     // The rotations of a sum are nested, each one by the distance to the one before:
     // ROTR 6, 11, 25 of e and ROTR 2, 13, 22 of a.
-    const uint32_t sum1 = _rotr(e ^ _rotr(e ^ _rotr(e, 14), 5), 6);
-    const uint32_t sum0 = _rotr(a ^ _rotr(a ^ _rotr(a, 9), 11), 2);
+    const uint32_t sum1 = bytes_rotr32(e ^ bytes_rotr32(e ^ bytes_rotr32(e, 14), 5), 6);
+    const uint32_t sum0 = bytes_rotr32(a ^ bytes_rotr32(a ^ bytes_rotr32(a, 9), 11), 2);
     const uint32_t ch = g ^ (e & (f ^ g));
     const uint32_t a_xor_b = a ^ b; // is b ^ c of the next round
     const uint32_t maj = b ^ (a_xor_b & aoBxorC);
@@ -61,35 +60,32 @@ template <size_t i>
 }
 
 template <size_t... i>
-[[gnu::always_inline]] inline void _rounds(uint32_t (&aoState)[8], const uint8_t *aipcBlock,
-                                           std::index_sequence<i...>)
+[[gnu::always_inline]] static inline void _rounds(uint32_t (&aoState)[8], const uint8_t *aipcBlock,
+                                                  std::index_sequence<i...>)
 {
     uint32_t schedule[16];
     uint32_t b_xor_c = aoState[1] ^ aoState[2];
-
     (_round<i>(aoState, schedule, b_xor_c, aipcBlock), ...);
 }
 
-void _init_ctx(struct sha256_ctx *aopCtx, const uint32_t (&aicState)[8])
+static void _init_ctx(struct sha256_ctx *aopCtx, const uint32_t (&aicState)[8])
 {
-    memcpy(aopCtx->state, aicState, sizeof(aopCtx->state));
+    memcpy(aopCtx->state, aicState, sizeof aopCtx->state);
     aopCtx->total[0] = aopCtx->total[1] = 0;
     aopCtx->buflen = 0;
 }
 
-void sha256_conclude_ctx(struct sha256_ctx *aopCtx)
+static void sha256_conclude_ctx(struct sha256_ctx *aopCtx)
 {
-    _conclude<tSha256>(aopCtx);
+    digest_conclude<tSha256>(aopCtx);
 }
 
-void *_read_ctx(const struct sha256_ctx *aipcCtx, void *aopResult, size_t aicWords)
+static void *_read_ctx(const struct sha256_ctx *aipcCtx, void *aopResult, size_t aicWords)
 {
     for (size_t i = 0; i < aicWords; i++)
-        _store32<true>(static_cast<uint8_t *>(aopResult) + 4 * i, aipcCtx->state[i]);
+        bytes_store_be32(static_cast<uint8_t *>(aopResult) + 4 * i, aipcCtx->state[i]);
     return aopResult;
 }
-
-} // namespace
 
 void sha256_init_ctx(struct sha256_ctx *ctx)
 {
@@ -105,13 +101,11 @@ void sha224_init_ctx(struct sha256_ctx *ctx)
 
 void sha256_process_block(const void *buffer, size_t len, struct sha256_ctx *ctx)
 {
-    const uint8_t *block = static_cast<const uint8_t *>(buffer);
-
-    _add_total(ctx->total, len);
-    for (size_t left = len / gicBlockLen; left > 0; left--, block += gicBlockLen) {
+    auto *block = static_cast<const uint8_t *>(buffer);
+    digest_add_total(ctx->total, len);
+    for (size_t left = len / gicDigestBlockLen; left > 0; left--, block += gicDigestBlockLen) {
         uint32_t state[8];
-
-        memcpy(state, ctx->state, sizeof(state));
+        memcpy(state, ctx->state, sizeof state);
         _rounds(state, block, std::make_index_sequence<64>());
         for (unsigned i = 0; i < 8; i++)
             ctx->state[i] += state[i];
@@ -120,7 +114,7 @@ void sha256_process_block(const void *buffer, size_t len, struct sha256_ctx *ctx
 
 void sha256_process_bytes(const void *buffer, size_t len, struct sha256_ctx *ctx)
 {
-    _process_bytes<tSha256>(buffer, len, ctx);
+    digest_process_bytes<tSha256>(buffer, len, ctx);
 }
 
 void *sha256_finish_ctx(struct sha256_ctx *ctx, void *resbuf)
@@ -148,7 +142,6 @@ void *sha224_read_ctx(const struct sha256_ctx *ctx, void *resbuf)
 void *sha256_buffer(const char *buffer, size_t len, void *resblock)
 {
     struct sha256_ctx ctx;
-
     sha256_init_ctx(&ctx);
     sha256_process_bytes(buffer, len, &ctx);
     return sha256_finish_ctx(&ctx, resblock);
@@ -157,7 +150,6 @@ void *sha256_buffer(const char *buffer, size_t len, void *resblock)
 void *sha224_buffer(const char *buffer, size_t len, void *resblock)
 {
     struct sha256_ctx ctx;
-
     sha224_init_ctx(&ctx);
     sha256_process_bytes(buffer, len, &ctx);
     return sha224_finish_ctx(&ctx, resblock);
@@ -165,10 +157,10 @@ void *sha224_buffer(const char *buffer, size_t len, void *resblock)
 
 int sha256_stream(FILE *stream, void *resblock)
 {
-    return _stream<tSha256>(stream, resblock, sha256_init_ctx, sha256_finish_ctx);
+    return digest_stream<tSha256>(stream, resblock, sha256_init_ctx, sha256_finish_ctx);
 }
 
 int sha224_stream(FILE *stream, void *resblock)
 {
-    return _stream<tSha256>(stream, resblock, sha224_init_ctx, sha224_finish_ctx);
+    return digest_stream<tSha256>(stream, resblock, sha224_init_ctx, sha224_finish_ctx);
 }

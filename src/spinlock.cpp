@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include <common/spinlock.h>
 
-namespace
+// Acquire and release, no more: on ARM one full barrier each, after the exchange and before the
+// store.
+static inline int _try_lock(spinlock_t *spin)
 {
-// Sequentially consistent operations are the acquire and the release, and full barriers as well: on
-// x86 in one instruction, on ARM with a barrier on either side.
-inline int _try_lock(spinlock_t *spin)
-{
-    return __atomic_exchange_n(&spin->v_, 1, __ATOMIC_SEQ_CST) == 0;
+    return __atomic_exchange_n(&spin->v_, 1, __ATOMIC_ACQUIRE) == 0;
 }
-} // namespace
 
 void spinlock_init(spinlock_t *spin)
 {
@@ -29,5 +26,5 @@ void spinlock_lock(spinlock_t *spin)
 
 void spinlock_unlock(spinlock_t *spin)
 {
-    __atomic_store_n(&spin->v_, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&spin->v_, 0, __ATOMIC_RELEASE);
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include <arpa/inet.h>
 #include <common/self_log.h>
 #include <common/xfuncs.h>
+
+#include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -11,17 +12,15 @@
 #include <ifaddrs.h>
 #include <sys/resource.h>
 
-namespace
-{
-constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
-constexpr rlim_t gicMaxOpenFiles = 40000;
+static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+static constexpr rlim_t gicMaxOpenFiles = 40000;
 
 struct tRate {
     int bitsPerSec;
     speed_t code;
 };
 
-constexpr tRate gicRates[] = {
+static constexpr tRate gicRates[] = {
     {0, B0},
     {50, B50},
     {75, B75},
@@ -60,14 +59,14 @@ static_assert(B57600 == 4097 && B115200 == 4098 && B4000000 == 4111, "extended l
 
 using tWord = size_t; // what the processor handles at once
 
-tWord _load_word(const char *aipcFrom)
+static tWord _load_word(const char *aipcFrom)
 {
     tWord word;
     memcpy(&word, aipcFrom, sizeof word); // no alignment is promised
     return word;
 }
 
-const char *_family_name(int aicFamily)
+static const char *_family_name(int aicFamily)
 {
     switch (aicFamily) {
     case AF_PACKET:
@@ -81,17 +80,18 @@ const char *_family_name(int aicFamily)
     }
 }
 
-bool _is_linklocal(const in6_addr &aicAddr)
+static bool _is_linklocal(const in6_addr &aicAddr)
 {
     return aicAddr.s6_addr[0] == 0xFE && (aicAddr.s6_addr[1] & 0xC0) == 0x80;
 }
 
 // Looks at one entry; true: it is the one.
-bool _visit_ifaddr(const ifaddrs *aipcEntry, in6_addr *aopAddr6, const char *aipcIface)
+static bool _visit_ifaddr(const ifaddrs *aipcEntry, in6_addr *aopAddr6, const char *aipcIface)
 {
-    const int family = aipcEntry->ifa_addr ? aipcEntry->ifa_addr->sa_family : 0;
-    printf("ifa_name=%s, family=0x%X(%s)\n", aipcEntry->ifa_name, static_cast<unsigned>(family),
-           _family_name(family));
+    const int family = aipcEntry->ifa_addr != nullptr ? aipcEntry->ifa_addr->sa_family : 0;
+    // Trace lines, here and below: if one is lost, nobody could be told.
+    (void)printf("ifa_name=%s, family=0x%X(%s)\n", aipcEntry->ifa_name,
+                 static_cast<unsigned>(family), _family_name(family));
     if (family != AF_INET6)
         return false;
     // Copied before anything is compared: without a match the caller gets the last IPv6 address.
@@ -101,12 +101,12 @@ bool _visit_ifaddr(const ifaddrs *aipcEntry, in6_addr *aopAddr6, const char *aip
     return strcmp(aipcEntry->ifa_name, aipcIface) == 0 && _is_linklocal(*aopAddr6);
 }
 
-char _draw_digit()
+static char _draw_digit()
 {
     return static_cast<char>('0' + rand() % 10);
 }
 
-char _draw_alphanumeric()
+static char _draw_alphanumeric()
 {
     const int flag = rand() % 3;
     if (flag == 2)
@@ -114,13 +114,14 @@ char _draw_alphanumeric()
     return static_cast<char>((flag == 0 ? 'A' : 'a') + rand() % 26);
 }
 
-char *_gen_string(int aicLen, char (*aicpDraw)())
+static char *_gen_string(int aicLen, char (*aicpDraw)())
 {
     if (aicLen < 0)
         return nullptr;
-    // The greatest length wraps to a negative size, which fails as the 2 GiB it stands for.
-    auto text = static_cast<char *>(xzMalloc(static_cast<int>(static_cast<unsigned>(aicLen) + 1U)));
-    if (!text) {
+    // INT_MAX + 1 wraps to a negative size, which no allocator can satisfy.
+    auto *const text =
+        static_cast<char *>(xzMalloc(static_cast<int>(static_cast<unsigned>(aicLen) + 1U)));
+    if (text == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "xzMalloc() err!!!!\n");
         return nullptr;
     }
@@ -130,44 +131,43 @@ char *_gen_string(int aicLen, char (*aicpDraw)())
     text[aicLen] = '\0';
     return text;
 }
-} // namespace
 
 void *xMalloc(int aicSize)
 {
-    void *mem = malloc(static_cast<size_t>(aicSize));
-    if (!mem && aicSize != 0)
+    void *const mem = malloc(static_cast<size_t>(aicSize));
+    if (mem == nullptr && aicSize != 0)
         LOG_MSG(LOG_LEV_ERROR, "malloc() err!!!!\n");
     return mem;
 }
 
 void *xzMalloc(int aicSize)
 {
-    void *mem = calloc(static_cast<size_t>(aicSize), 1);
-    if (!mem && aicSize != 0)
+    void *const mem = calloc(static_cast<size_t>(aicSize), 1);
+    if (mem == nullptr && aicSize != 0)
         LOG_MSG(LOG_LEV_ERROR, "malloc() err!!!!\n");
     return mem;
 }
 
 void *xzOneCalloc(int aicSize)
 {
-    void *mem = calloc(1, static_cast<size_t>(aicSize));
-    if (!mem && aicSize != 0)
+    void *const mem = calloc(1, static_cast<size_t>(aicSize));
+    if (mem == nullptr && aicSize != 0)
         LOG_MSG(LOG_LEV_ERROR, "calloc() err!!!!\n");
     return mem;
 }
 
 void *xRealloc(void *aipPtr, int aicSize)
 {
-    void *mem = realloc(aipPtr, static_cast<size_t>(aicSize));
-    if (!mem && aicSize != 0)
+    void *const mem = realloc(aipPtr, static_cast<size_t>(aicSize));
+    if (mem == nullptr && aicSize != 0)
         LOG_MSG(LOG_LEV_ERROR, "realloc() err!!!!\n");
     return mem;
 }
 
 void *xCalloc(int aicNumMem, int aicSize)
 {
-    void *mem = calloc(static_cast<size_t>(aicNumMem), static_cast<size_t>(aicSize));
-    if (!mem && aicNumMem != 0 && aicSize != 0)
+    void *const mem = calloc(static_cast<size_t>(aicNumMem), static_cast<size_t>(aicSize));
+    if (mem == nullptr && aicNumMem != 0 && aicSize != 0)
         LOG_MSG(LOG_LEV_ERROR, "calloc() err!!!!\n");
     return mem;
 }
@@ -229,7 +229,7 @@ int system_set_rlimit(void)
 
 int get_linklocal_ipv6addr(struct in6_addr *aopcAddr6, const char *aipcIface)
 {
-    if (!aopcAddr6 || !aipcIface) {
+    if (aopcAddr6 == nullptr || aipcIface == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "aopcAddr6 and aipcIface can't be NULL!\n");
         return -1;
     }
@@ -239,11 +239,11 @@ int get_linklocal_ipv6addr(struct in6_addr *aopcAddr6, const char *aipcIface)
         return -1;
     }
     const ifaddrs *entry = list;
-    while (entry && !_visit_ifaddr(entry, aopcAddr6, aipcIface))
+    while (entry != nullptr && !_visit_ifaddr(entry, aopcAddr6, aipcIface))
         entry = entry->ifa_next;
     char text[200];
-    if (entry && inet_ntop(AF_INET6, aopcAddr6, text, sizeof text))
-        printf("find out %s's linklocal IPv6 address: %s\n", aipcIface, text);
+    if (entry != nullptr && inet_ntop(AF_INET6, aopcAddr6, text, sizeof text) != nullptr)
+        (void)printf("find out %s's linklocal IPv6 address: %s\n", aipcIface, text);
     freeifaddrs(list);
     return 0;
 }

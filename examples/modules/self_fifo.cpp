@@ -22,7 +22,7 @@ static void *produce(void *)
     for (uint32_t i = 0; i < gicSamples; i++) {
         tSample sample = {i, i * i};
         while (fifo_add_one(&giFifo, &sample) == 0)
-            sched_yield(); // a real daemon drops, counts, or waits on a semaphore
+            (void)sched_yield(); // a real daemon drops, counts, or waits on a semaphore
     }
     return nullptr;
 }
@@ -31,8 +31,7 @@ int main()
 {
     pthread_t producer;
     uint32_t next = 0;
-
-    fifo_init(&giFifo, giSlots, sizeof(giSlots[0]), 8);
+    fifo_init(&giFifo, giSlots, sizeof giSlots[0], 8);
     if (pthread_create(&producer, nullptr, produce, nullptr) != 0)
         return 1;
     while (next < gicSamples) {
@@ -43,9 +42,9 @@ int main()
                 return 1;
         }
         if (got == 0)
-            sched_yield();
+            (void)sched_yield();
     }
-    pthread_join(producer, nullptr);
-    std::printf("%u samples in order, ring empty: %d\n", next, fifo_is_empty(&giFifo));
+    (void)pthread_join(producer, nullptr); // it was created just above
+    printf("%u samples in order, ring empty: %d\n", next, fifo_is_empty(&giFifo));
     return 0;
 }

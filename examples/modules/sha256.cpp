@@ -12,16 +12,16 @@ int main()
 {
     unsigned char ofStream[32];
     unsigned char ofBuffer[32];
-    FILE *file = std::tmpfile();
-    if (file == nullptr || std::fputs("abc", file) < 0)
+    FILE *const file = tmpfile();
+    if (file == nullptr || fputs("abc", file) < 0)
         return 1;
-    std::rewind(file);
+    rewind(file);
     if (sha256_stream(file, ofStream) != 0)
         return 1;
-    std::fclose(file);
+    (void)fclose(file); // it was only read
     sha256_buffer("abc", 3, ofBuffer);
     for (const unsigned char byte : ofStream)
-        std::printf("%02x", byte);
-    std::printf("\n");
-    return std::memcmp(ofStream, ofBuffer, sizeof(ofBuffer));
+        printf("%02x", byte);
+    printf("\n");
+    return memcmp(ofStream, ofBuffer, sizeof ofBuffer);
 }
