@@ -1,9 +1,10 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# check_library.sh LIBRARY MAP: the library exports just what the map names, leaves open just what
-# the host brings, needs nothing but the C library, and shows its modules' plain names.
+# check_library.sh LIBRARY MAP OBJDUMP: the library exports just what the map names, leaves open just
+# what the host brings, needs nothing but the C library, shows its modules' plain names, and on ARM
+# the spinlock has its two barriers where they belong.
 set -euo pipefail
-library=$1 map=$2
+library=$1 map=$2 objdump=$3
 fail=0
 
 names() { # the names between global: and local:
@@ -38,4 +39,13 @@ differ soname "libkelvara.so.1" "$soname"
 differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
   "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
     | sort -u | tr '\n' ' ' | sed 's/ $//')"
+
+barriers() { # barriers FUNCTION: its exclusive stores, barriers and plain stores, in order
+  "$objdump" -d --disassemble="$1" "$library" | grep -v '\[sp' | grep -owE 'strex|dmb|str' | xargs
+}
+if readelf -h "$library" | grep -q 'Machine:.*ARM$'; then
+  differ spinlock_try_lock "strex dmb" "$(barriers spinlock_try_lock)"
+  differ spinlock_lock "strex dmb" "$(barriers spinlock_lock)"
+  differ spinlock_unlock "dmb str" "$(barriers spinlock_unlock)"
+fi
 exit $fail

@@ -23,7 +23,10 @@
  * over before other threads know the ring. Not for signal handlers.
  *
  * What blocks: a call waits for the calls of other threads in progress, each of them one element's
- * copy long; none waits for an element or for room.
+ * copy long; none waits for an element or for room. Beware of polling: the lock prefers
+ * readers, so threads that ask a query again and again without a pause hold up every add and get
+ * (with eight of them one add took half a minute). A loop that waits calls sched_yield() or sleeps
+ * between two questions; better still, it tries the add or the get itself.
  *
  * Owner: record and slots are the caller's, and nothing is allocated. There is no destroy
  * operation: stop all use before the memory goes. On Linux the lock inside holds nothing that
