@@ -2,27 +2,27 @@
 //
 // gnssd: publishes the sentences of a GNSS receiver to every local client.
 //
-//     gnssd --config FILE [--input PATH] [--rate N] [--delay MS] [--linger MS] [--level N]
-//
-// The configuration file (gnssd.conf shows one) has a group for each service of the library, and
-// the group "gnss" of this program. Threads: main starts everything and then waits for a signal or
-// for the end of the input; the reader cuts the input into sentences; the publisher broadcasts
-// them. A FIFO stands between the two, so that a paced replay holds up the reader and nobody else.
+// Threads: the reader cuts the input into sentences, and does nothing else that may wait; the main
+// thread does the rest on one event loop: server, heartbeats, signals, log, and the broadcasting
+// itself. So a heartbeat says that the sentences get out. A FIFO stands between the two, so that a
+// paced replay holds up the reader and nobody else.
 #include "framing.h"
+#include "gnssd_cfg.h"
+#include "heartbeat.h"
 #include "nmea.h"
+#include "sockfile.h"
 #include "source.h"
+#include "tool.h"
 
 #include <common/buffer.h>
 #include <common/dmn_serv.h>
-#include <common/self_dog.h>
 #include <common/self_fifo.h>
 #include <common/self_log.h>
 #include <common/xfuncs.h>
 
 #include <errno.h>
+#include <event2/event.h>
 #include <getopt.h>
-#include <libconfig.h>
-#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -37,23 +37,17 @@
 eLogLevl gLogLevl = LOG_LEV_WARN;
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-typedef struct _tGnssCfg_ {
-    eSrcKind kind;
-    char path[512];
-    int baudRate;
-    bool bFramed;
-    int rate; // sentences a second; 0: as fast as they come
-} tGnssCfg;
-
 typedef struct _tOptions_ {
     const char *config;
     const char *input; // replaces source and path
     int rate;          // replaces the configured one unless -1
+    int level;         // replaces the configured one unless -1
     int delayMs;       // before the first sentence, for clients to connect
     int lingerMs;      // after the last one, for clients to read
 } tOptions;
 
 typedef struct _tSentence_ {
+    const char *why; // what is wrong with it, null when it is valid
     uint64_t timeUs;
     uint32_t len;
     char text[gicNmeaMax];
@@ -63,111 +57,55 @@ static constexpr uint32_t gicDepth = 64;             // sentences between reader
 static constexpr int gicShown = 60;                  // characters of a bad sentence in the log
 static constexpr uint64_t gicCatchUpNs = 100000000U; // by how much a paced replay may be late
 
-// The records that the services keep by pointer live as long as the program.
-static tLogCfg giLogCfg;
-static tDmnServCfg giServCfg;
-static tFeddogCfg giDogCfg;
-static tGnssCfg giCfg;
-static tOptions giOpt = {nullptr, nullptr, -1, 0, 0};
+// The services keep the records in it by pointer: it lives as long as the program.
+static tGnssdCfg giCfg;
+static tOptions giOpt = {nullptr, nullptr, -1, -1, 0, 0};
 
-static int giStopFd = -1; // readable from the first signal on
-static int giDoneFd = -1; // readable when the publisher has ended
-static tSource giSource;
-static eSrcResult giEndedBy = SRC_STOP; // the reader's last result
+// What both threads use.
 static tFifo giFifo;
 static tSentence giSlots[gicDepth];
 static sem_t giFreeSlots;
-static sem_t giSentences; // one more than there are, once the reader has ended
+static int giReadyFd = -1; // counts the sentences in the FIFO, and one more for the end of them
+static int giStopFd = -1;  // readable when the reader is to end
+static tSource giSource;
 
-// Counted by the reader (broadcast: by the publisher), read when both have been joined.
+// The reader's, and the main thread's once that has been joined.
+static eSrcResult giEndedBy = SRC_STOP;
+static int giReadErr; // an error number, for SRC_FAIL
+
+// The main thread's.
+static pthread_t giReader;
+static bool gibReading; // the reader is to be joined
+static bool gibStop;    // a signal came
+static tSockFile giSockFile;
+static struct event_base *gipBase;
+static struct event *gipSignalEt;
+static struct event *gipReadyEt; // one-shot: a sentence is there
+static struct event *gipTimerEt; // its time has come
+static uint64_t giDueNs;         // that time, of a paced replay
+static buffer_t *gipOut;         // the message to broadcast
 static unsigned long giValidCnt;
 static unsigned long giBadCnt;
-static unsigned long giSentCnt;
 
-// --- Time and signals ---------------------------------------------------------------------------
+// --- Options ------------------------------------------------------------------------------------
 
-static uint64_t _now_ns(clockid_t aicClock)
-{
-    struct timespec now;
-    clock_gettime(aicClock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000U + static_cast<uint64_t>(now.tv_nsec);
-}
+static const char gicUsage[] =
+    "usage: gnssd --config FILE [OPTION]...\n"
+    "Publishes the sentences of a GNSS receiver to every local client.\n"
+    "\n"
+    "  -c, --config FILE  the configuration; gnssd.conf explains it\n"
+    "  -i, --input PATH   reads this file instead, or standard input for \"-\"\n"
+    "  -r, --rate N       sentences a second; 0: as fast as they come\n"
+    "  -d, --delay MS     waits before the first sentence, for clients to connect\n"
+    "  -l, --linger MS    waits after the last one, for clients to read\n"
+    "  -v, --level N      log threshold, 0 to 7\n"
+    "  -h, --help         prints this\n"
+    "  -V, --version      prints the version\n"
+    "\n"
+    "SIGINT, SIGTERM: ends; SIGHUP: begins a new log file, reads the log level again;\n"
+    "SIGUSR1, SIGUSR2: one log level more, one less.\n";
 
-// Waits until the monotonic clock shows aicUntilNs, or for a stop; true: stop.
-static bool _wait_until(const uint64_t aicUntilNs)
-{
-    struct pollfd stop = {giStopFd, POLLIN, 0};
-    for (;;) {
-        const uint64_t now = _now_ns(CLOCK_MONOTONIC);
-        const uint64_t left = now < aicUntilNs ? aicUntilNs - now : 0;
-        const struct timespec timeout = {static_cast<time_t>(left / 1000000000U),
-                                         static_cast<long>(left % 1000000000U)};
-        if (ppoll(&stop, 1, &timeout, nullptr) > 0)
-            return true;
-        if (left == 0)
-            return false;
-    }
-}
-
-static bool _wait_ms(const int aicMs)
-{
-    return _wait_until(_now_ns(CLOCK_MONOTONIC) + static_cast<uint64_t>(aicMs) * 1000000U);
-}
-
-static void _wake(const int aicFd)
-{
-    const uint64_t one = 1;
-    if (write(aicFd, &one, sizeof(one)) == -1)
-        return; // only a full counter refuses, and that one is readable
-}
-
-static void _on_signal(int)
-{
-    const int saved = errno;
-    _wake(giStopFd);
-    errno = saved;
-}
-
-// Only main takes the signals: they are blocked while other threads are made, which inherit that.
-static void _mask_signals(const int aicHow)
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(aicHow, &set, nullptr);
-}
-
-static int _init_signals(void)
-{
-    giStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    giDoneFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (giStopFd == -1 || giDoneFd == -1) {
-        LOG_MSG(LOG_LEV_ERROR, "eventfd() err, msg:%s!!!!\n", strerror(errno));
-        return -ERR_CREATE_PIPE_DMN;
-    }
-    struct sigaction action = {};
-    action.sa_handler = _on_signal;
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    return 0;
-}
-
-// --- Options and configuration ------------------------------------------------------------------
-
-static int _parse_number(const char *aicpcText, const int aicMax, int *aopValue)
-{
-    char *end = nullptr;
-    errno = 0;
-    const long value = strtol(aicpcText, &end, 10);
-    if (errno != 0 || end == aicpcText || *end != '\0' || value < 0 || value > aicMax)
-        return -ERR_PARAM_CONTENT_DMN;
-    *aopValue = static_cast<int>(value);
-    return 0;
-}
-
-static int _parse_options(int argc, char **argv)
+static void _parse_options(int argc, char **argv)
 {
     static const struct option options[] = {
         {"config", required_argument, nullptr, 'c'},
@@ -176,115 +114,64 @@ static int _parse_options(int argc, char **argv)
         {"delay", required_argument, nullptr, 'd'},
         {"linger", required_argument, nullptr, 'l'},
         {"level", required_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
-    int result = 0;
-    int level = static_cast<int>(gLogLevl);
-    for (int opt; (opt = getopt_long(argc, argv, "c:i:r:d:l:v:", options, nullptr)) != -1;) {
+    for (int opt; (opt = getopt_long(argc, argv, "c:i:r:d:l:v:hV", options, nullptr)) != -1;) {
         if (opt == 'c')
             giOpt.config = optarg;
         else if (opt == 'i')
             giOpt.input = optarg;
         else if (opt == 'r')
-            result |= _parse_number(optarg, 1000000, &giOpt.rate);
+            giOpt.rate = tool_number("gnssd", "rate", optarg, 0, 1000000);
         else if (opt == 'd')
-            result |= _parse_number(optarg, 3600000, &giOpt.delayMs);
+            giOpt.delayMs = tool_number("gnssd", "delay", optarg, 0, 3600000);
         else if (opt == 'l')
-            result |= _parse_number(optarg, 3600000, &giOpt.lingerMs);
+            giOpt.lingerMs = tool_number("gnssd", "linger", optarg, 0, 3600000);
         else if (opt == 'v')
-            result |= _parse_number(optarg, LOG_LEV_MAX, &level);
+            giOpt.level = tool_number("gnssd", "level", optarg, 0, LOG_LEV_MAX);
         else
-            result = -ERR_PARAM_CONTENT_DMN;
+            tool_answer(opt, "gnssd", gicUsage);
     }
-    if (result == 0 && giOpt.config != nullptr && optind == argc) {
-        gLogLevl = static_cast<eLogLevl>(level);
-        return 0;
-    }
-    fprintf(stderr, "usage: gnssd --config FILE [--input PATH|-] [--rate SENTENCES_A_SECOND]\n"
-                    "             [--delay MS] [--linger MS] [--level 0..7]\n");
-    return -ERR_PARAM_CONTENT_DMN;
+    if (giOpt.config == nullptr || optind != argc)
+        tool_answer('?', "gnssd", gicUsage);
 }
 
-// The index of the key's value among aicpcWords; without the key the first one.
-static int _lookup_word(const config_setting_t *aipcGroup, const char *aicpcKey,
-                        const char *const *aicpcWords, const int aicWordCnt)
+static int _configure(void)
 {
-    const char *value = aicpcWords[0];
-    (void)config_setting_lookup_string(aipcGroup, aicpcKey, &value);
-    for (int i = 0; i < aicWordCnt; i++) {
-        if (strcmp(value, aicpcWords[i]) == 0)
-            return i;
+    const int result = gnssd_cfg_load(&giCfg, giOpt.config);
+    if (giOpt.input != nullptr) {
+        giCfg.kind = SRC_FILE;
+        snprintf(giCfg.path, sizeof giCfg.path, "%s", giOpt.input);
     }
-    LOG_MSG(LOG_LEV_ERROR, "\"%s\" is nothing that %s can be!!!!\n", value, aicpcKey);
-    return -ERR_PARAM_CONTENT_DMN;
-}
-
-static int _load_gnss_cfg(const config_t *aipcCfg)
-{
-    static const char *const kinds[SRC_MAX] = {"file", "serial", "command"};
-    static const char *const records[] = {"text", "framed"};
-    const config_setting_t *group = config_lookup(aipcCfg, "gnss");
-    if (group == nullptr) {
-        LOG_MSG(LOG_LEV_ERROR, "no group gnss!!!!\n");
-        return -ERR_LIBCFG_CFG_LOOKUP_DMN;
-    }
-    const int kind =
-        giOpt.input != nullptr ? SRC_FILE : _lookup_word(group, "source", kinds, SRC_MAX);
-    const int record = _lookup_word(group, "records", records, 2);
-    if (kind < 0 || record < 0)
-        return -ERR_PARAM_CONTENT_DMN;
-    giCfg.kind = static_cast<eSrcKind>(kind);
-    giCfg.bFramed = record == 1;
-
-    const char *path = "-";
-    (void)config_setting_lookup_string(group, "path", &path);
-    (void)config_setting_lookup_int(group, "baudRate", &giCfg.baudRate);
-    (void)config_setting_lookup_int(group, "rate", &giCfg.rate);
-    if (giOpt.input != nullptr)
-        path = giOpt.input;
     if (giOpt.rate != -1)
         giCfg.rate = giOpt.rate;
-    snprintf(giCfg.path, sizeof(giCfg.path), "%s", path);
-    return 0;
-}
-
-// What the file does not say keeps the start value; a missing group is an error.
-static int _load_cfg(const char *aicpcPath)
-{
-    giLogCfg.stdoutLogSwt = LOG_SWITCH_ON;
-    giDogCfg.feddogSec = 1;
-    snprintf(giDogCfg.feddogNme, sizeof(giDogCfg.feddogNme), "gnssd");
-    giCfg.baudRate = 9600;
-
-    config_t cfg;
-    config_init(&cfg);
-    int result = -ERR_LIBCFG_READ_FILE_DMN;
-    if (config_read_file(&cfg, aicpcPath) != CONFIG_TRUE) {
-        LOG_MSG(LOG_LEV_ERROR, "%s line %d: %s!!!!\n", aicpcPath, config_error_line(&cfg),
-                config_error_text(&cfg));
-    } else if ((result = load_log_cfg(&giLogCfg, "log", &cfg)) == 0 &&
-               (result = load_dmn_serv_cfg(&giServCfg, "server", &cfg)) == 0 &&
-               (result = load_feeddog_cfg(&giDogCfg, "watchdog", &cfg)) == 0) {
-        result = _load_gnss_cfg(&cfg);
-    }
-    config_destroy(&cfg);
+    gLogLevl = static_cast<eLogLevl>(giOpt.level != -1 ? giOpt.level : giCfg.level);
     return result;
 }
 
 // --- The reader ---------------------------------------------------------------------------------
+
+static void _wake(const int aicFd)
+{
+    const uint64_t one = 1;
+    (void)!write(aicFd, &one, sizeof one); // only a full counter refuses, and that one is readable
+}
 
 // Waits for a slot while the FIFO is full: the publisher frees one at its pace, or at once after
 // a stop, so nothing is dropped and the wait ends.
 static void _pass_on(const tNmeaItem *aipItem)
 {
     static tSentence sentence;
-    sentence.timeUs = _now_ns(CLOCK_REALTIME) / 1000;
+    sentence.why = aipItem->why;
+    sentence.timeUs = tool_now_ns(CLOCK_REALTIME) / 1000;
     sentence.len = static_cast<uint32_t>(aipItem->len);
     memcpy(sentence.text, aipItem->text, sentence.len);
     while (sem_wait(&giFreeSlots) == -1)
         continue;
     fifo_add_one(&giFifo, &sentence);
-    sem_post(&giSentences);
+    _wake(giReadyFd);
 }
 
 // Takes every complete sentence out of the buffer; of what stays, only the start of one.
@@ -293,155 +180,263 @@ static void _take_sentences(buffer_t *aipBuf, const bool aibLast)
     int pos = 0;
     tNmeaItem item;
     while (pos += nmea_next(aipBuf->ptr + pos, aipBuf->used - pos, aibLast, &item),
-           item.kind != NMEA_MORE) {
-        if (item.kind == NMEA_VALID) {
-            giValidCnt++;
-            _pass_on(&item);
-        } else {
-            giBadCnt++;
-            LOG_MSG(LOG_LEV_WARN, "bad sentence, %s: %.*s\n", item.why,
-                    item.len < gicShown ? item.len : gicShown, item.text);
-        }
-    }
+           item.kind != NMEA_MORE)
+        _pass_on(&item);
     buffer_shift(aipBuf, pos);
 }
 
 static void *_read_thread(void *)
 {
     buffer_t *buf = buffer_init(4096);
+    giReadErr = ENOMEM;
     giEndedBy = buf != nullptr ? SRC_BYTES : SRC_FAIL;
     while (giEndedBy == SRC_BYTES) {
         giEndedBy = source_gather(&giSource, buf, giStopFd);
+        giReadErr = errno;
         if (giEndedBy != SRC_STOP)
             _take_sentences(buf, giEndedBy != SRC_BYTES);
     }
     buffer_free(buf);
-    sem_post(&giSentences);
+    _wake(giReadyFd); // without a sentence: the end
     return nullptr;
 }
 
-// --- The publisher ------------------------------------------------------------------------------
+// The main thread alone takes the signals.
+static int _start_reader(void)
+{
+    sigset_t all;
+    sigset_t was;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &was);
+    const int err = pthread_create(&giReader, nullptr, _read_thread, nullptr);
+    pthread_sigmask(SIG_SETMASK, &was, nullptr);
+    gibReading = err == 0;
+    if (err == 0)
+        return 0;
+    LOG_MSG(LOG_LEV_ERROR, "pthread_create() err, msg:%s\n", strerror(err));
+    return -ERR_PTHREAD_CREATE_DMN;
+}
 
-static void _broadcast(buffer_t *aipBuf, tSentence *aipSentence)
+// --- The publisher: callbacks of the event loop -------------------------------------------------
+
+static void _set_timer(const uint64_t aicNs)
+{
+    const struct timeval wait = {static_cast<time_t>(aicNs / 1000000000U),
+                                 static_cast<suseconds_t>(aicNs / 1000U % 1000000U)};
+    (void)event_add(gipTimerEt, &wait); // fails without memory: then all waits for a signal
+}
+
+static void _broadcast(tSentence *aipSentence)
 {
     static char lineEnd[] = "\r\n";
-    const uint32_t seq = static_cast<uint32_t>(giSentCnt);
-    aipBuf->used = 0;
+    gipOut->used = 0;
     if (giCfg.bFramed) {
-        frame_write(aipBuf, seq, aipSentence->timeUs, aipSentence->text, aipSentence->len);
+        frame_write(gipOut, static_cast<uint32_t>(giValidCnt), aipSentence->timeUs,
+                    aipSentence->text, aipSentence->len);
     } else {
-        write_bytes(aipBuf, aipSentence->text, aipSentence->len);
-        write_bytes(aipBuf, lineEnd, sizeof(lineEnd) - 1);
+        write_bytes(gipOut, aipSentence->text, aipSentence->len);
+        write_bytes(gipOut, lineEnd, sizeof lineEnd - 1);
     }
-    dmn_serv_tx_clit_msg(aipBuf->ptr, aipBuf->used);
-    giSentCnt++;
+    dmn_serv_tx_clit_msg(gipOut->ptr, gipOut->used);
+    giValidCnt++;
     LOG_MSG(LOG_LEV_LOUD, "sent %.*s\n", static_cast<int>(aipSentence->len), aipSentence->text);
 }
 
-// After a stop the sentences that were read are still sent, without pacing.
-static void *_publish_thread(void *aipArg)
+static void _input_ended(void)
+{
+    pthread_join(giReader, nullptr);
+    gibReading = false;
+    if (giEndedBy == SRC_FAIL)
+        LOG_MSG(LOG_LEV_ERROR, "input %s err, msg:%s!!!!\n", giCfg.path, strerror(giReadErr));
+    if (giEndedBy == SRC_END && !gibStop)
+        _set_timer(static_cast<uint64_t>(giOpt.lingerMs) * 1000000U);
+    else
+        event_base_loopbreak(gipBase);
+}
+
+// Takes one sentence and waits for the next: signals, clients and heartbeats have their turns.
+static void _ready_cb(int aiFd, short, void *)
 {
     static tSentence sentence;
-    buffer_t *buf = static_cast<buffer_t *>(aipArg);
-    _wait_ms(giOpt.delayMs);
-    uint64_t due = _now_ns(CLOCK_MONOTONIC);
-    for (;;) {
-        while (sem_wait(&giSentences) == -1)
-            continue;
-        if (!fifo_get_one(&giFifo, &sentence))
-            break;
-        sem_post(&giFreeSlots);
-        if (giCfg.rate > 0) {
-            // What a pause of the input delayed is not made up for by a burst.
-            const uint64_t now = _now_ns(CLOCK_MONOTONIC);
-            if (due + gicCatchUpNs < now)
-                due = now;
-            _wait_until(due);
-            due += 1000000000U / static_cast<uint64_t>(giCfg.rate);
-        }
-        _broadcast(buf, &sentence);
+    uint64_t one;
+    (void)!read(aiFd, &one, sizeof one); // it is readable, and nobody else reads it
+    if (!fifo_get_one(&giFifo, &sentence)) {
+        _input_ended();
+        return;
     }
-    _wake(giDoneFd);
-    return nullptr;
+    sem_post(&giFreeSlots);
+    if (sentence.why != nullptr) {
+        giBadCnt++;
+        const int len = static_cast<int>(sentence.len);
+        LOG_MSG(LOG_LEV_WARN, "bad sentence, %s: %.*s\n", sentence.why,
+                len < gicShown ? len : gicShown, sentence.text);
+    } else {
+        _broadcast(&sentence);
+    }
+    if (sentence.why != nullptr || giCfg.rate == 0) {
+        (void)event_add(gipReadyEt, nullptr); // as above
+        return;
+    }
+    // What a pause of the input delayed is not made up for by a burst.
+    const uint64_t now = tool_now_ns(CLOCK_MONOTONIC);
+    if (giDueNs + gicCatchUpNs < now)
+        giDueNs = now;
+    giDueNs += 1000000000U / static_cast<uint64_t>(giCfg.rate);
+    _set_timer(giDueNs > now ? giDueNs - now : 0);
+}
+
+static void _timer_cb(int, short, void *)
+{
+    if (gibReading)
+        (void)event_add(gipReadyEt, nullptr);
+    else
+        event_base_loopbreak(gipBase); // clients have had their time
+}
+
+// The sentences that were read are still sent, without pacing.
+static void _stop(void)
+{
+    gibStop = true;
+    giCfg.rate = 0;
+    _wake(giStopFd);
+    event_del(gipTimerEt);
+    _timer_cb(-1, 0, nullptr);
+}
+
+// Only this thread logs, so the log service may be stopped and started again.
+static void _renew_log(void)
+{
+    log_system_exit();
+    if (log_system_init(&giCfg.log) != 0) {
+        tLogCfg console = giCfg.log;
+        console.stdoutLogSwt = LOG_SWITCH_ON;
+        console.fileLogSwt = LOG_SWITCH_OFF;
+        log_system_exit();
+        (void)log_system_init(&console); // without a file it has nothing to refuse
+        LOG_MSG(LOG_LEV_ERROR, "no log file, until the next SIGHUP!!!!\n");
+    }
+    static tGnssdCfg fresh;
+    if (gnssd_cfg_load(&fresh, giOpt.config) == 0)
+        set_global_log_level(static_cast<eLogLevl>(fresh.level));
+}
+
+static void _signal_cb(int aiFd, short, void *)
+{
+    char number = 0;
+    while (read(aiFd, &number, 1) == 1) {
+        if (number == SIGHUP)
+            _renew_log();
+        else if (number == SIGUSR1 && gLogLevl < LOG_LEV_MAX)
+            set_global_log_level(static_cast<eLogLevl>(gLogLevl + 1));
+        else if (number == SIGUSR2 && gLogLevl > LOG_LEV_OFF)
+            set_global_log_level(static_cast<eLogLevl>(gLogLevl - 1));
+        else if (number == SIGINT || number == SIGTERM)
+            _stop();
+    }
 }
 
 // --- Start and stop -----------------------------------------------------------------------------
 
-// Runs both threads until a signal or the end of the input; the buffer is the publisher's.
-static int _work(buffer_t *aipBuf)
+static int _init_loop(const int aicSignalFd)
 {
-    pthread_t reader;
-    pthread_t publisher;
-    int err = pthread_create(&publisher, nullptr, _publish_thread, aipBuf);
-    if (err != 0) {
-        LOG_MSG(LOG_LEV_ERROR, "pthread_create() err, msg:%s\n", strerror(err));
-        return -ERR_PTHREAD_CREATE_DMN;
+    fifo_init(&giFifo, giSlots, sizeof giSlots[0], gicDepth);
+    sem_init(&giFreeSlots, 0, gicDepth);
+    giReadyFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
+    giStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    gipOut = buffer_init(gicNmeaMax + static_cast<int>(gicFrameHead));
+    gipBase = event_base_new();
+    if (giReadyFd == -1 || giStopFd == -1 || gipOut == nullptr || gipBase == nullptr) {
+        LOG_MSG(LOG_LEV_ERROR, "no event loop, msg:%s!!!!\n", strerror(errno));
+        return -ERR_EVENT_NEW_BASE_DMN;
     }
-    err = pthread_create(&reader, nullptr, _read_thread, nullptr);
-    if (err != 0) {
-        LOG_MSG(LOG_LEV_ERROR, "pthread_create() err, msg:%s\n", strerror(err));
-        sem_post(&giSentences); // without a sentence: the end
+    gipSignalEt = event_new(gipBase, aicSignalFd, EV_READ | EV_PERSIST, _signal_cb, nullptr);
+    gipReadyEt = event_new(gipBase, giReadyFd, EV_READ, _ready_cb, nullptr);
+    gipTimerEt = event_new(gipBase, -1, 0, _timer_cb, nullptr);
+    if (gipSignalEt == nullptr || gipReadyEt == nullptr || gipTimerEt == nullptr ||
+        event_add(gipSignalEt, nullptr) == -1) {
+        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        return -ERR_EVENT_NEW_DMN;
     }
-    _mask_signals(SIG_UNBLOCK);
-    struct pollfd wait[] = {{giStopFd, POLLIN, 0}, {giDoneFd, POLLIN, 0}};
-    while (poll(wait, 2, -1) == -1 && errno == EINTR)
-        continue;
-    if (err == 0)
-        pthread_join(reader, nullptr);
-    pthread_join(publisher, nullptr);
-    if (err != 0)
-        return -ERR_PTHREAD_CREATE_DMN;
-    if (giEndedBy == SRC_END)
-        _wait_ms(giOpt.lingerMs);
+    return 0;
+}
+
+// On our own loop the server tells at once whether clients can connect.
+static int _start_server(void)
+{
+    const char *const path = giCfg.server.dmNme;
+    errno = sockfile_claim(path);
+    const int result = errno == 0 ? _dmn_server_init(gipBase, &giCfg.server) : -ERR_SOCKET_BIND_DMN;
+    if (result == 0) {
+        sockfile_bound(&giSockFile, path);
+        return 0;
+    }
+    // Also for those who log into files only.
+    fprintf(stderr, "gnssd: %s cannot be served: %s\n", path, strerror(errno));
+    LOG_MSG(LOG_LEV_ERROR, "%s cannot be served, msg:%s!!!!\n", path, strerror(errno));
+    return result;
+}
+
+static int _work(const int aicSignalFd)
+{
+    int result = _init_loop(aicSignalFd);
+    if (result != 0 || (result = _start_server()) != 0 ||
+        (result = heartbeat_start(gipBase, &giCfg.watchdog)) != 0 ||
+        (result = _start_reader()) != 0)
+        return result;
+    LOG_MSG(LOG_LEV_RUN, "gnssd serves %s, input: %s------\n", giCfg.server.dmNme, giCfg.path);
+    _set_timer(static_cast<uint64_t>(giOpt.delayMs) * 1000000U);
+    event_base_dispatch(gipBase);
     return giEndedBy == SRC_FAIL ? -ERR_FREAD_DMN : 0;
 }
 
-static int _run(void)
+static void _release(void)
+{
+    heartbeat_stop();
+    dmn_server_exit();
+    sockfile_remove(&giSockFile);
+    struct event *const events[] = {gipSignalEt, gipReadyEt, gipTimerEt};
+    for (struct event *et : events) {
+        if (et != nullptr)
+            event_free(et);
+    }
+    if (gipBase != nullptr)
+        event_base_free(gipBase);
+    buffer_free(gipOut);
+}
+
+static int _run(const int aicSignalFd)
 {
     (void)system_set_rlimit(); // logged; the limit that we have will mostly do
-    fifo_init(&giFifo, giSlots, sizeof(giSlots[0]), gicDepth);
-    sem_init(&giFreeSlots, 0, gicDepth);
-    sem_init(&giSentences, 0, 0);
-
-    // A command is started before everything that it should not inherit, our signal mask included.
-    _mask_signals(SIG_UNBLOCK);
+    // A command is started before everything that it should not inherit.
     int result = source_open(&giSource, giCfg.kind, giCfg.path, giCfg.baudRate);
-    _mask_signals(SIG_BLOCK);
     if (result != 0)
         return result;
-
-    buffer_t *buf = buffer_init(gicNmeaMax + static_cast<int>(gicFrameHead));
-    if (buf == nullptr)
-        result = -ERR_MALLOC_DMN;
-    else if ((result = dmn_server_init(&giServCfg)) == 0 &&
-             (result = self_feddog_init(&giDogCfg)) == 0)
-        result = _work(buf);
+    result = _work(aicSignalFd);
     if (source_close(&giSource, giEndedBy == SRC_END) != 0 && result == 0)
         result = -ERR_FREAD_DMN;
-    self_feddog_exit();
-    dmn_server_exit();
-    buffer_free(buf);
+    _release();
     return result;
 }
 
 int main(int argc, char **argv)
 {
+    static const int signals[] = {SIGHUP, SIGUSR1, SIGUSR2, 0};
     setvbuf(stdout, nullptr, _IOLBF, 0); // also a console that is a pipe or a file shows each line
-    if (_parse_options(argc, argv) != 0)
-        return 2;
-    if (_load_cfg(giOpt.config) != 0 || _init_signals() != 0)
+    _parse_options(argc, argv);
+    if (_configure() != 0)
         return EXIT_FAILURE;
-    _mask_signals(SIG_BLOCK);
-    if (log_system_init(&giLogCfg) != 0) {
+    const int signalFd = tool_signals(signals);
+    if (signalFd == -1 || log_system_init(&giCfg.log) != 0) {
         log_system_exit();
+        fprintf(stderr, "gnssd: no log, msg:%s\n", strerror(errno));
         return EXIT_FAILURE;
     }
-    LOG_MSG(LOG_LEV_RUN, "gnssd starts, input: %s------\n", giCfg.path);
-    const int result = _run();
-    LOG_MSG(LOG_LEV_RUN, "gnssd ends: read %lu valid %lu bad %lu broadcast %lu------\n",
-            giValidCnt + giBadCnt, giValidCnt, giBadCnt, giSentCnt);
+    const int result = _run(signalFd);
+    const unsigned long read = giValidCnt + giBadCnt;
+    LOG_MSG(LOG_LEV_RUN, "gnssd ends: read %lu valid %lu bad %lu broadcast %lu------\n", read,
+            giValidCnt, giBadCnt, giValidCnt);
     log_system_exit();
-    printf("gnssd: read %lu valid %lu bad %lu broadcast %lu\n", giValidCnt + giBadCnt, giValidCnt,
-           giBadCnt, giSentCnt);
+    printf("gnssd: read %lu valid %lu bad %lu broadcast %lu\n", read, giValidCnt, giBadCnt,
+           giValidCnt);
     return result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -8,11 +8,12 @@
  *     while (pos += nmea_next(data + pos, len - pos, false, &item), item.kind != NMEA_MORE)
  *         ... item.text, item.len ...
  *
- * A sentence is '$', printable 7-bit characters other than '$' and '*', '*' and two hexadecimal
- * digits: the XOR of what stands between '$' and '*'. It is over with its second digit, whatever
- * follows. Everything outside of sentences is noise and passed over: line ends, comments, binary
- * messages. A sentence that is broken off by a line end, a control character or the '$' of the next
- * one is bad, and so is one that goes on for too long; the search goes on where it stopped.
+ * A sentence is '$', or '!' before the encapsulated ones of AIS, then printable 7-bit characters
+ * other than '$' and '*', then '*' and two hexadecimal digits: the XOR of what stands between. It
+ * is over with its second digit, whatever follows. Everything outside of sentences is noise and
+ * passed over: line ends, comments, binary messages. A sentence that is broken off by a line end, a
+ * control character or the '$' of the next one is bad, and so is one that goes on for too long; the
+ * search goes on where it stopped, or at the first '!' in it.
  */
 #ifndef KELVARA_EXAMPLES_NMEA_H
 #define KELVARA_EXAMPLES_NMEA_H
@@ -21,8 +22,8 @@
 
 #include <string.h>
 
-/* The longest sentence, from '$' to the last check digit. The standard says 80; receivers' own
- * sentences about all satellites in view need several hundred. */
+/* The longest sentence, from its first character to the last check digit. The standard says 80;
+ * receivers' own sentences about all satellites in view need several hundred. */
 constexpr int gicNmeaMax = 1024;
 
 typedef enum _eNmeaKind_ {
@@ -33,7 +34,7 @@ typedef enum _eNmeaKind_ {
 
 typedef struct _tNmeaItem_ {
     eNmeaKind kind;
-    const char *text; /* in the caller's bytes: '$' and what followed, printable throughout */
+    const char *text; /* in the caller's bytes, printable throughout */
     int len;
     const char *why;
 } tNmeaItem;
@@ -47,7 +48,7 @@ inline int _nmea_digit(const char aicChar)
     return upper >= 'A' && upper <= 'F' ? upper - 'A' + 10 : -1;
 }
 
-/* True for what may stand between '$' and '*'; the test holds for signed and unsigned char. */
+/* True for what may stand before '*'; the test holds for signed and unsigned char. */
 inline bool _nmea_body(const char aicChar)
 {
     return aicChar >= ' ' && aicChar <= '~' && aicChar != '$' && aicChar != '*';
@@ -63,12 +64,13 @@ inline int nmea_next(const char *const aipcData, const int aicLen, const bool ai
     *aopItem = {NMEA_MORE, nullptr, 0, nullptr};
     if (aicLen <= 0)
         return 0;
-    const void *dollar = memchr(aipcData, '$', static_cast<size_t>(aicLen));
-    if (dollar == nullptr)
+    int noise = 0;
+    while (noise < aicLen && aipcData[noise] != '$' && aipcData[noise] != '!')
+        noise++;
+    if (noise == aicLen)
         return aicLen;
 
-    const char *const text = static_cast<const char *>(dollar);
-    const int noise = static_cast<int>(text - aipcData);
+    const char *const text = aipcData + noise;
     const int left = aicLen - noise;
     int star = 1;
     while (star < left && star < gicNmeaMax - 3 && _nmea_body(text[star]))
@@ -95,6 +97,11 @@ inline int nmea_next(const char *const aipcData, const int aicLen, const bool ai
         aopItem->why = "wrong checksum";
     else
         aopItem->kind = NMEA_VALID;
+    if (aopItem->kind == NMEA_BAD) {
+        const void *next = memchr(text + 1, '!', static_cast<size_t>(end - 1));
+        if (next != nullptr)
+            aopItem->len = end = static_cast<int>(static_cast<const char *>(next) - text);
+    }
     return noise + end;
 }
 

@@ -20,7 +20,7 @@
 
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-static constexpr int gicReapMs = 1000; // how long a command has to end
+static constexpr int gicReapMs = 500; // how long a command has to end
 
 static int _open_file(const char *aicpcPath)
 {
@@ -128,20 +128,15 @@ static eSrcResult _gather_chunk(const tSource *aipSrc, buffer_t *aipBuf)
     }
     if (len == 0)
         return SRC_END;
-    if (len == -1 && (errno == EAGAIN || errno == EINTR))
-        return SRC_BYTES; // none, as it turned out
-    LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
-    return SRC_FAIL;
+    return len == -1 && (errno == EAGAIN || errno == EINTR) ? SRC_BYTES : SRC_FAIL;
 }
 
 eSrcResult source_gather(const tSource *aipSrc, buffer_t *aipBuf, int aicStopFd)
 {
     struct pollfd wait[] = {{aicStopFd, POLLIN, 0}, {aipSrc->fd, POLLIN, 0}};
     while (poll(wait, 2, -1) == -1) {
-        if (errno != EINTR) {
-            LOG_MSG(LOG_LEV_ERROR, "poll() err, msg:%s!!!!\n", strerror(errno));
+        if (errno != EINTR)
             return SRC_FAIL;
-        }
     }
     if (wait[0].revents != 0)
         return SRC_STOP;
@@ -151,7 +146,7 @@ eSrcResult source_gather(const tSource *aipSrc, buffer_t *aipBuf, int aicStopFd)
         return SRC_BYTES;
     if (aipSrc->kind != SRC_SERIAL)
         return SRC_END;
-    LOG_MSG(LOG_LEV_ERROR, "the serial line is gone!!!!\n");
+    errno = EIO; // a serial line has no end
     return SRC_FAIL;
 }
 

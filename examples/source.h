@@ -2,8 +2,8 @@
 /*
  * source: where gnssd's bytes come from: a file, standard input, a serial line or the output of a
  * command. One thread opens, another may gather, the first closes when that one has ended. Results
- * are those that the services and hosts share (common/dmn_serv.h), negated; all failures are
- * logged here.
+ * are those that the services and hosts share (common/dmn_serv.h), negated; failures are logged
+ * here, but for those of source_gather(), whose thread must not wait for the log.
  */
 #ifndef KELVARA_EXAMPLES_SOURCE_H
 #define KELVARA_EXAMPLES_SOURCE_H
@@ -33,7 +33,7 @@ typedef enum _eSrcResult_ {
     SRC_BYTES, /* bytes were added to the buffer */
     SRC_STOP,  /* the stop descriptor is readable */
     SRC_END,   /* the input is at its end */
-    SRC_FAIL,  /* the input is broken, logged */
+    SRC_FAIL,  /* the input is broken, errno tells how */
 } eSrcResult;
 
 /* Opens the source; aicpcPath is the path or the command line. Returns 0, -6 (ERR_FOPEN_DMN), -8
@@ -42,7 +42,7 @@ typedef enum _eSrcResult_ {
  */
 int source_open(tSource *aopSrc, eSrcKind aicKind, const char *aicpcPath, int aicBaudRate);
 
-/* Waits for input or for aicStopFd, and appends what is there to the buffer. */
+/* Waits for input or for aicStopFd, and appends what is there to the buffer. Logs nothing. */
 eSrcResult source_gather(const tSource *aipSrc, buffer_t *aipBuf, int aicStopFd);
 
 /* Closes the source. aibEnded: its end has been read, so a command may finish by itself; otherwise

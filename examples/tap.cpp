@@ -1,28 +1,25 @@
 // SPDX-License-Identifier: MIT
 //
-// tap: shows what a daemon sends to its clients.
-//
-//     tap [-m text|hex|frames] [-w MS] SOCKET
-//
-// text: the bytes as they come; hex: sixteen a line; frames: the records of framing.h, one a line.
-// -w: waits so long for the daemon to start. At the end of the stream, or on SIGINT or SIGTERM,
-// tells on standard error what came, how fast, and how much was lost; status 0.
+// tap: shows what a daemon sends to its clients. At the end of the stream, or on a signal, tells on
+// standard error what came, how fast, and how much was lost.
 #include "framing.h"
+#include "sockfile.h"
+#include "tool.h"
 
 #include <common/buffer.h>
 #include <common/self_log.h>
 
 #include <ctype.h>
 #include <errno.h>
+#include <getopt.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -48,13 +45,20 @@ typedef struct _tMode_ {
     const char *unit;
 } tMode;
 
-static uint64_t _now_us(void)
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000U +
-           static_cast<uint64_t>(now.tv_nsec) / 1000U;
-}
+static constexpr int gicColumns = 80;
+
+static const char gicUsage[] =
+    "usage: tap [OPTION]... SOCKET\n"
+    "Shows what a daemon sends to its clients.\n"
+    "\n"
+    "  -m, --mode text    the bytes as they come (the default)\n"
+    "  -m, --mode hex     sixteen bytes a line\n"
+    "  -m, --mode frames  the numbered records that gnssd sends when it is told to\n"
+    "  -w, --wait MS      waits so long for the daemon to start\n"
+    "  -h, --help         prints this\n"
+    "  -V, --version      prints the version\n"
+    "\n"
+    "SIGINT, SIGTERM, SIGHUP: ends, with a line that tells what came.\n";
 
 static void _show_text(tTap *aipTap, bool)
 {
@@ -99,9 +103,15 @@ static void _show_frame(tTap *aipTap, const tFrame *aipFrame)
     const time_t sec = static_cast<time_t>(aipFrame->timeUs / 1000000U);
     struct tm local;
     localtime_r(&sec, &local);
-    printf("%8u  %02d:%02d:%02d.%06u  %.*s\n", aipFrame->seq, local.tm_hour, local.tm_min,
-           local.tm_sec, static_cast<unsigned>(aipFrame->timeUs % 1000000U),
-           static_cast<int>(aipFrame->len), aipFrame->text);
+    const int head =
+        printf("%8u  %02d:%02d:%02d.%06u  ", aipFrame->seq, local.tm_hour, local.tm_min,
+               local.tm_sec, static_cast<unsigned>(aipFrame->timeUs % 1000000U));
+    // A sentence of 80 characters goes on in the next line, below its start.
+    const int room = gicColumns - head;
+    int left = static_cast<int>(aipFrame->len);
+    printf("%.*s\n", left < room ? left : room, aipFrame->text);
+    for (int pos = room; (left -= room) > 0; pos += room)
+        printf("%*s%.*s\n", head, "", left < room ? left : room, aipFrame->text + pos);
     aipTap->nextSeq = aipFrame->seq + 1;
     aipTap->items++;
 }
@@ -126,24 +136,27 @@ static void _show_frames(tTap *aipTap, const bool aibLast)
         aipTap->skipped += static_cast<unsigned long>(aipTap->buf->used);
 }
 
-static int _connect(const char *aicpcPath, const long aicWaitMs)
+// The connection, or -1 with errno; a signal ends the wait. Whatever keeps a daemon from being
+// there may pass: a missing folder, a socket left behind, a full queue.
+static int _connect(const char *aicpcPath, const int aicWaitMs, const int aicSignalFd)
 {
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (strlen(aicpcPath) >= sizeof(addr.sun_path)) {
-        errno = ENAMETOOLONG;
+    struct sockaddr_un addr;
+    errno = sockfile_address(&addr, aicpcPath);
+    if (errno != 0)
         return -1;
-    }
-    memcpy(addr.sun_path, aicpcPath, strlen(aicpcPath) + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    for (long ms = 0; fd != -1; ms += 20) {
-        if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0)
+    const uint64_t end = tool_now_ns(CLOCK_MONOTONIC) + static_cast<uint64_t>(aicWaitMs) * 1000000U;
+    for (;;) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd == -1 || connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0)
             return fd;
-        if (ms >= aicWaitMs)
-            break;
-        poll(nullptr, 0, 20);
+        const int err = errno;
+        (void)close(fd); // it was never used
+        struct pollfd signal = {aicSignalFd, POLLIN, 0};
+        const bool bOver = tool_now_ns(CLOCK_MONOTONIC) >= end || poll(&signal, 1, 20) > 0;
+        errno = err;
+        if (bOver)
+            return -1;
     }
-    return -1;
 }
 
 // Until the stream ends or a signal comes.
@@ -152,12 +165,14 @@ static void _receive(tTap *aipTap, const int aicFd, const int aicSignalFd, const
     struct pollfd wait[] = {{aicSignalFd, POLLIN, 0}, {aicFd, POLLIN, 0}};
     for (;;) {
         char chunk[4096];
-        if (poll(wait, 2, -1) == -1 || wait[0].revents != 0)
+        if (poll(wait, 2, -1) == -1 && errno == EINTR)
+            continue;
+        if (wait[0].revents != 0)
             return;
         const ssize_t len = read(aicFd, chunk, sizeof(chunk));
         if (len <= 0)
             return;
-        aipTap->lastUs = _now_us();
+        aipTap->lastUs = tool_now_ns(CLOCK_MONOTONIC) / 1000U;
         if (aipTap->bytes == 0)
             aipTap->firstUs = aipTap->lastUs;
         aipTap->bytes += static_cast<unsigned long long>(len);
@@ -175,41 +190,50 @@ static void _summary(const tTap *aipTap, const tMode *aipMode)
     if (sec > 0)
         fprintf(stderr, ", %.0f %s/s", static_cast<double>(aipTap->items) / sec, aipMode->unit);
     if (aipMode->show == _show_frames)
-        fprintf(stderr, ", %lu lost, %lu bytes skipped", aipTap->lost, aipTap->skipped);
+        fprintf(stderr, "\ntap: %lu lost, %lu bytes skipped", aipTap->lost, aipTap->skipped);
     fprintf(stderr, "\n");
 }
 
-int main(int argc, char **argv)
+static const tMode *_find_mode(const char *aicpcName)
 {
     static const tMode modes[] = {{"text", _show_text, "lines"},
                                   {"hex", _show_hex, "lines"},
                                   {"frames", _show_frames, "records"}};
-    const tMode *mode = &modes[0];
-    long waitMs = 0;
-    for (int opt; (opt = getopt(argc, argv, "m:w:")) != -1;) {
-        const tMode *const end = modes + sizeof(modes) / sizeof(modes[0]);
+    for (const tMode &mode : modes) {
+        if (strcmp(mode.name, aicpcName) == 0)
+            return &mode;
+    }
+    tool_answer('?', "tap", gicUsage);
+}
+
+int main(int argc, char **argv)
+{
+    static const int signals[] = {SIGHUP, 0};
+    static const struct option options[] = {
+        {"mode", required_argument, nullptr, 'm'},
+        {"wait", required_argument, nullptr, 'w'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    const tMode *mode = _find_mode("text");
+    int waitMs = 0;
+    for (int opt; (opt = getopt_long(argc, argv, "m:w:hV", options, nullptr)) != -1;) {
         if (opt == 'w')
-            waitMs = strtol(optarg, nullptr, 10);
+            waitMs = tool_number("tap", "wait", optarg, 0, INT_MAX);
         else if (opt == 'm')
-            for (mode = modes; mode < end && strcmp(mode->name, optarg) != 0;)
-                mode++;
-        if (opt == '?' || mode == end)
-            argc = 0;
+            mode = _find_mode(optarg);
+        else
+            tool_answer(opt, "tap", gicUsage);
     }
-    if (argc != optind + 1) {
-        fprintf(stderr, "usage: tap [-m text|hex|frames] [-w MS] SOCKET\n");
-        return 2;
-    }
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
+    if (argc != optind + 1)
+        tool_answer('?', "tap", gicUsage);
+
     tTap tap = {};
-    const int fd = _connect(argv[optind], waitMs);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    const int signalFd = signalfd(-1, &set, SFD_CLOEXEC);
     tap.buf = buffer_init(4096);
-    if (fd == -1 || signalFd == -1 || tap.buf == nullptr) {
+    const int signalFd = tool_signals(signals);
+    const int fd = signalFd != -1 ? _connect(argv[optind], waitMs, signalFd) : -1;
+    if (fd == -1 || tap.buf == nullptr) {
         fprintf(stderr, "tap: %s: %s\n", argv[optind], strerror(errno));
         return EXIT_FAILURE;
     }
@@ -218,7 +242,5 @@ int main(int argc, char **argv)
     fflush(stdout);
     _summary(&tap, mode);
     buffer_free(tap.buf);
-    close(signalFd);
-    close(fd);
-    return EXIT_SUCCESS;
+    return EXIT_SUCCESS; // which closes the rest
 }

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 //
-// watchdogd: the supervisor's side of the heartbeats, for the desk.
-//
-//     watchdogd SOCKET [LATE_MS]
-//
-// Prints each heartbeat with the daemon's name and the time since the one before, and a warning
-// when there was none for LATE_MS (2000). Ends with status 0 on SIGINT or SIGTERM, and removes its
-// socket. One thread: everything hangs on one poll().
+// watchdogd: the supervisor's side of the heartbeats, for development. One thread: everything hangs
+// on one poll().
+#include "sockfile.h"
+#include "tool.h"
+
 #include <common/buffer.h>
 #include <common/self_dog.h>
 #include <common/self_log.h>
 
 #include <errno.h>
+#include <getopt.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stddef.h>
@@ -19,9 +19,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,12 +41,19 @@ static tFed giFed[gicFirst + gicFedMax]; // of the same index
 static nfds_t giUsed = gicFirst;
 static uint64_t giLateMs = 2000;
 
+static const char gicUsage[] =
+    "usage: watchdogd SOCKET [LATE_MS]\n"
+    "Prints the heartbeats of daemons: time, name, count, and the time since the one\n"
+    "before; and a line when there was none for LATE_MS (2000).\n"
+    "\n"
+    "  -h, --help     prints this\n"
+    "  -V, --version  prints the version\n"
+    "\n"
+    "SIGINT, SIGTERM, SIGHUP: ends, and removes its socket.\n";
+
 static uint64_t _now_ms(void)
 {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000U +
-           static_cast<uint64_t>(now.tv_nsec) / 1000000U;
+    return tool_now_ns(CLOCK_MONOTONIC) / 1000000U;
 }
 
 static void _say(const tFed *aipFed, const char *aicpcWhat, const uint64_t aicMs)
@@ -57,7 +62,7 @@ static void _say(const tFed *aipFed, const char *aicpcWhat, const uint64_t aicMs
     struct tm local;
     clock_gettime(CLOCK_REALTIME, &now);
     localtime_r(&now.tv_sec, &local);
-    printf("%02d:%02d:%02d.%03ld  %-12s %4u  %-10s %10.3f s\n", local.tm_hour, local.tm_min,
+    printf("%02d:%02d:%02d.%03ld  %-12.24s %4u  %-10s %10.3f s\n", local.tm_hour, local.tm_min,
            local.tm_sec, now.tv_nsec / 1000000, aipFed->name, aipFed->count, aicpcWhat,
            static_cast<double>(aicMs) / 1000);
 }
@@ -148,34 +153,47 @@ static void _serve(void)
     }
 }
 
+// The listening socket, or -1 with errno.
+static int _listen(const char *aicpcPath)
+{
+    struct sockaddr_un addr;
+    errno = sockfile_address(&addr, aicpcPath);
+    if (errno == 0)
+        errno = sockfile_claim(aicpcPath);
+    if (errno != 0)
+        return -1;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd != -1 && bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0 &&
+        listen(fd, 16) == 0)
+        return fd;
+    return -1; // the program ends and closes it
+}
+
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (argc < 2 || argc > 3 || strlen(argv[1]) >= sizeof(addr.sun_path)) {
-        fprintf(stderr, "usage: watchdogd SOCKET [LATE_MS]\n");
-        return 2;
-    }
-    memcpy(addr.sun_path, argv[1], strlen(argv[1]) + 1);
-    if (argc == 3)
-        giLateMs = strtoul(argv[2], nullptr, 10);
+    static const int signals[] = {SIGHUP, 0};
+    static const struct option options[] = {{"help", no_argument, nullptr, 'h'},
+                                            {"version", no_argument, nullptr, 'V'},
+                                            {nullptr, 0, nullptr, 0}};
+    const int opt = getopt_long(argc, argv, "hV", options, nullptr);
+    if (opt != -1 || argc < optind + 1 || argc > optind + 2)
+        tool_answer(opt, "watchdogd", gicUsage);
+    const char *const path = argv[optind];
+    if (argc == optind + 2)
+        giLateMs = static_cast<uint64_t>(
+            tool_number("watchdogd", "LATE_MS", argv[optind + 1], 1, INT_MAX));
 
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    giPoll[0] = {signalfd(-1, &set, SFD_CLOEXEC), POLLIN, 0};
-    giPoll[1] = {socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), POLLIN, 0};
-    unlink(argv[1]);
-    if (giPoll[0].fd == -1 || giPoll[1].fd == -1 ||
-        bind(giPoll[1].fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == -1 ||
-        listen(giPoll[1].fd, 16) == -1) {
-        fprintf(stderr, "watchdogd: %s: %s\n", argv[1], strerror(errno));
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    giPoll[0] = {tool_signals(signals), POLLIN, 0};
+    giPoll[1] = {giPoll[0].fd != -1 ? _listen(path) : -1, POLLIN, 0};
+    if (giPoll[1].fd == -1) {
+        fprintf(stderr, "watchdogd: %s: %s\n", path, strerror(errno));
         return EXIT_FAILURE;
     }
+    tSockFile file;
+    sockfile_bound(&file, path);
     _serve();
-    unlink(argv[1]);
+    (void)close(giPoll[1].fd); // nothing was written to it
+    sockfile_remove(&file);
     return EXIT_SUCCESS;
 }

@@ -12,7 +12,7 @@ mkdir -p "$work/config/formats/kelvara"
 cp "$source/docs/lnav/kelvara_log.json" "$work/config/formats/kelvara"
 
 # A log file with lines of the library and of the daemon, of all levels that the daemon uses.
-sed -e "s#\"/run/#\"$work/#; s#\"/var/log/gnssd#\"$work/log#; s#logSaveMaxCnt = .*;#logSaveMaxCnt = 9999;#" \
+sed -e "s#\"/run/[a-z]*/#\"$work/#; s#\"/var/log/gnssd/gnssd#\"$work/log#; s#logSaveMaxCnt = .*;#logSaveMaxCnt = 9999;#" \
   "$source/examples/gnssd.conf" >"$work/gnssd.conf"
 "${run[@]}" "$gnssd" --config "$work/gnssd.conf" --input "$source/examples/track.nmea" --level 6 \
   >"$work/out" || { cat "$work/out"; exit 1; }

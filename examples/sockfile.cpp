@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#include "sockfile.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+int sockfile_address(struct sockaddr_un *aopAddr, const char *aicpcPath)
+{
+    const size_t len = strlen(aicpcPath);
+    if (len == 0 || len >= sizeof aopAddr->sun_path)
+        return len == 0 ? ENOENT : ENAMETOOLONG;
+    *aopAddr = {};
+    aopAddr->sun_family = AF_UNIX;
+    memcpy(aopAddr->sun_path, aicpcPath, len);
+    return 0;
+}
+
+// A datagram socket does not fit a stream server, so the kernel refuses it with EPROTOTYPE, and the
+// server does not notice. Without a server it refuses with ECONNREFUSED.
+int sockfile_probe(const char *aicpcPath)
+{
+    struct sockaddr_un addr;
+    int err = sockfile_address(&addr, aicpcPath);
+    if (err != 0)
+        return err;
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd == -1)
+        return errno;
+    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == -1)
+        err = errno == EPROTOTYPE ? 0 : errno;
+    (void)close(fd); // nothing was sent
+    return err;
+}
+
+int sockfile_claim(const char *aicpcPath)
+{
+    struct stat st;
+    if (lstat(aicpcPath, &st) == -1)
+        return errno == ENOENT ? 0 : errno;
+    if (!S_ISSOCK(st.st_mode))
+        return EEXIST;
+    const int err = sockfile_probe(aicpcPath);
+    if (err != ECONNREFUSED)
+        return err == 0 ? EADDRINUSE : err;
+    return unlink(aicpcPath) == 0 ? 0 : errno;
+}
+
+void sockfile_bound(tSockFile *aopFile, const char *aicpcPath)
+{
+    struct stat st;
+    *aopFile = {};
+    if (lstat(aicpcPath, &st) == 0)
+        *aopFile = {aicpcPath, st.st_dev, st.st_ino};
+}
+
+void sockfile_remove(tSockFile *aiopFile)
+{
+    struct stat st;
+    if (aiopFile->path != nullptr && lstat(aiopFile->path, &st) == 0 &&
+        st.st_dev == aiopFile->dev && st.st_ino == aiopFile->ino &&
+        sockfile_probe(aiopFile->path) == ECONNREFUSED)
+        (void)unlink(aiopFile->path); // what stays is replaced at the next start
+    *aiopFile = {};
+}
