@@ -52,5 +52,5 @@ static_assert(sizeof(void *) != 4 ||
                offsetof(tFifo, Buff) == 20 && offsetof(tFifo, fifoRwLk) == 24));
 #ifdef __arm__
 static_assert(std::is_unsigned_v<char>, "xorCheckSum() gives 0 to 255");
-static_assert(sizeof(pthread_rwlock_t) == 32 && sizeof(time_t) == 4);
+static_assert(sizeof(pthread_rwlock_t) == 32);
 #endif

@@ -1,4 +1,11 @@
 // SPDX-License-Identifier: MIT
+// A timeval for libevent is as wide as libevent's own, whatever the rest of the library uses.
+#include <event2/event-config.h>
+#if EVENT__SIZEOF_TIME_T == 4
+#undef _TIME_BITS
+#undef _FILE_OFFSET_BITS
+#endif
+
 #include <common/self_dog.h>
 #include <common/self_log.h>
 
@@ -12,6 +19,8 @@
 #include <event2/event.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+static_assert(sizeof(time_t) == EVENT__SIZEOF_TIME_T);
 
 static const eLogLevl gicDbLev = LOG_LEV_ERROR;
 

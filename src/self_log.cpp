@@ -437,7 +437,8 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     (void)localtime_r(&sec, &local);
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
 
-    const size_t used = _put_head(line, gicLogStrAry[tag], local, now.tv_usec, aipcFlNme, aicLnNum);
+    const size_t used = _put_head(line, gicLogStrAry[tag], local, static_cast<long>(now.tv_usec),
+                                  aipcFlNme, aicLnNum);
 
     // What does not fit is cut; a format that cannot be expanded leaves the header alone.
     if (aicLogLvl == LOG_LEV_TRACE)

@@ -249,6 +249,30 @@ TEST(LogRotation, TimeNamesAndCutNames)
                            "New save log path=" + base + "-" + day + "\n"));
 }
 
+// On 32 bits a time and a place in a file need more than a word.
+TEST(LogRotation, Year2040AndTwoGigabytes)
+{
+    const std::string path = gDir / "big", wanted = path + "-2040-01-01-00-00-00-0";
+    setenv("TZ", "UTC", 1);
+    tLogCfg cfg = file_cfg(path, 2);
+    cfg.fileMod = LOG_FILE_TIME;
+    char text[256] = "";
+    const std::string said = output_of([&] {
+        calls_watch([](const tCall &call) { return strstr(call.name, "time") != nullptr; });
+        const int file = dup(0); // the log file gets this number
+        close(file);
+        EXPECT_EQ(0, log_system_init(&cfg));
+        EXPECT_EQ(0x7ffffff0, lseek64(file, 0x7ffffff0, SEEK_SET));
+        log_msg(LOG_LEV_OFF, "a", "f", 1, "%040d\n", 1);
+        log_msg(LOG_LEV_OFF, "a", "f", 1, "%040d\n", 2);
+        EXPECT_LT(0, pread64(file, text, sizeof text - 1, 0x7ffffff0));
+        log_system_exit();
+        calls_stop();
+    });
+    EXPECT_EQ(1U, count_of(said, "New save log path=" + wanted)) << said;
+    EXPECT_EQ(2U, count_of(text, "[OFF:00:00:00.")) << text;
+}
+
 TEST(LogRotation, LostFolderEndsFileOutputOnly)
 {
     const std::string sub = gDir / "sub";
