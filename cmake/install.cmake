@@ -31,7 +31,7 @@ configure_file(cmake/kelvara.pc.in ${PROJECT_BINARY_DIR}/kelvara.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelvara.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
 
-# --- the tools for the desk -------------------------------------------------------------------
+# --- the tools for development -------------------------------------------------------------------
 
 set(kelvara_tools gnssd watchdogd tap)
 if(KELVARA_BUILD_EXAMPLES)
@@ -41,8 +41,19 @@ if(KELVARA_BUILD_EXAMPLES)
     file(RELATIVE_PATH kelvara_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
     set_target_properties(${kelvara_tools} PROPERTIES INSTALL_RPATH "$ORIGIN/${kelvara_bin_to_lib}")
   endif()
-  install(FILES examples/minimal.c examples/gnssd.conf examples/track.nmea
-    docs/lnav/kelvara_log.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvara COMPONENT tools)
+  install(FILES examples/minimal.c examples/track.nmea docs/lnav/kelvara_log.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvara COMPONENT tools)
+  # The configuration and the units of a package stand where the system looks for them.
+  set(kelvara_etc ${CMAKE_INSTALL_SYSCONFDIR}/kelvara)
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(kelvara_etc ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kelvara)
+    foreach(unit gnssd.service watchdogd.service)
+      configure_file(packaging/systemd/${unit}.in ${PROJECT_BINARY_DIR}/package/${unit} @ONLY)
+      install(FILES ${PROJECT_BINARY_DIR}/package/${unit} DESTINATION lib/systemd/system
+        COMPONENT tools)
+    endforeach()
+  endif()
+  install(FILES examples/gnssd.conf DESTINATION ${kelvara_etc} COMPONENT tools)
 endif()
 
 # --- the packages -----------------------------------------------------------------------------
@@ -97,6 +108,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libkelvara1 (= ${PROJECT_VERSION}), libevent-core-2.1-7, libconfig9, ${kelvara_libc}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS lnav)
+file(WRITE ${PROJECT_BINARY_DIR}/package/conffiles "/etc/kelvara/gnssd.conf\n")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/conffiles)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tools for daemons on libkelvara
 tap shows what a daemon sends to its clients, watchdogd shows the heartbeats
 of daemons, gnssd is an example that serves the sentences of a GNSS receiver.

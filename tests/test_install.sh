@@ -129,6 +129,31 @@ check_hosts() { # check_hosts PREFIX LIBDIR
   check_cmake "$1/bin" -Dkelvara_DIR="$lib/cmake/kelvara"
 }
 
+check_units() { # check_units ROOT: sound, closed, and what they start works as it was unpacked
+  local unit command
+  sed -i "s#\"/#\"$1/#" "$1/etc/kelvara/gnssd.conf"
+  for unit in "$1"/usr/lib/systemd/system/{watchdogd,gnssd}.service; do
+    sed -i -E "s#([= ])(/usr|/etc|/run)/#\1$1\2/#g" "$unit"
+    if command -v systemd-analyze >/dev/null; then
+      [[ -z $(systemd-analyze verify --man=no "$unit" 2>&1) ]] || die "$(systemd-analyze verify "$unit" 2>&1)"
+      systemd-analyze security --offline=true --threshold=10 "$unit" >"$work/log" 2>&1 || die "$(cat "$work/log")"
+    fi
+    mkdir -p "$1/run/$(sed -n 's/^RuntimeDirectory=//p' "$unit")" "$1/var/log/$(sed -n 's/^LogsDirectory=//p' "$unit")"
+    read -ra command <<<"$(sed -n 's/^ExecStart=//p' "$unit")"
+    if [[ $unit == */gnssd.service ]]; then
+      timeout 60 "${run[@]}" "${command[@]}" --rate 0 | grep -q 'valid 398 ' || die "$unit"
+    else
+      timeout 60 "${run[@]}" "${command[@]}" >"$work/dog" &
+      watchdog_pid=$!
+      sleep 1
+    fi
+  done
+  kill "$watchdog_pid"
+  wait "$watchdog_pid" || die "watchdogd ended with $?"
+  watchdog_pid=
+  grep -q 'has left' "$work/dog" || die "gnssd did not find watchdogd"
+}
+
 if [[ $what == fetched ]]; then
   check_cmake "$build/examples" -DKELVARA_SOURCE="$source" -DBUILD_SHARED_LIBS=OFF \
     -DKELVARA_INSTALL=ON -DCMAKE_INSTALL_LIBDIR=lib
@@ -160,5 +185,6 @@ else
   libdir=$(dirname "${lib[0]}")
   export LD_LIBRARY_PATH=$libdir # what is unpacked and not installed, the loader does not know
   check_hosts "$work/unpacked/usr" "${libdir#"$work/unpacked/usr/"}"
+  check_units "$work/unpacked"
 fi
 echo "passed"

@@ -21,4 +21,5 @@ RDEPENDS:${PN} += "libgcc"
 
 # The library alone for the units; the tools for a development image.
 PACKAGES =+ "${PN}-tools"
-FILES:${PN}-tools = "${bindir} ${datadir}/kelvara"
+FILES:${PN}-tools = "${bindir} ${datadir}/kelvara ${sysconfdir}/kelvara ${nonarch_libdir}/systemd"
+CONFFILES:${PN}-tools = "${sysconfdir}/kelvara/gnssd.conf"
