@@ -18,6 +18,15 @@
 #include <unistd.h>
 #include <vector>
 
+// Ends a forked child, with what it has counted where scripts/coverage counts.
+extern "C" int __llvm_profile_write_file(void) __attribute__((weak));
+[[noreturn]] inline void leave(int status)
+{
+    if (__llvm_profile_write_file != nullptr)
+        (void)__llvm_profile_write_file();
+    _exit(status);
+}
+
 // A temporary folder that goes with its owner.
 struct tTempDir {
     std::string path;

@@ -56,13 +56,13 @@ static int _reap()
     FILE *stream = _open(reads ? "echo word; exec yes" : "exit $(wc -c)", reads ? "r" : "w");
     char line[16] = "word\n";
     if (!stream || (reads ? !fgets(line, 16, stream) : fputs("seven\n\n", stream) < 0))
-        _exit(1);
+        leave(1);
     const bool known = pclose2(stream) == 0;
     if (known != (aicBeyond > 0) || known == gSent.empty() || (!known && fclose(stream) != 0))
-        _exit(2);
+        leave(2);
     rusage use;
     getrusage(RUSAGE_SELF, &use);
-    _exit(strcmp(line, "word\n") || _reap() != (reads ? 1000 : 7) || use.ru_maxrss > 300000);
+    leave(strcmp(line, "word\n") || _reap() != (reads ? 1000 : 7) || use.ru_maxrss > 300000);
 }
 
 // Nothing is really sent: who knows whom it would hit.
@@ -162,9 +162,11 @@ TEST(Popen2, FailuresLeaveNothingBehind)
     rlimit limit = {};
     getrlimit(RLIMIT_NPROC, &limit);
     const rlimit none = {0, limit.rlim_max};
-    ASSERT_TRUE(geteuid() != 0 || setuid(65534) == 0); // root is not bound by the limit
+    const uid_t user = geteuid();
+    ASSERT_TRUE(user != 0 || setresuid(65534, 65534, 0) == 0); // root is not bound by the limit
     setrlimit(RLIMIT_NPROC, &none);
     EXPECT_EQ(_open("exit 0", "r"), nullptr);
     setrlimit(RLIMIT_NPROC, &limit);
+    ASSERT_EQ(setresuid(user, user, user), 0);
     EXPECT_EQ(open_descriptors(), before);
 }
