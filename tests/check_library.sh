@@ -40,12 +40,12 @@ differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
   "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
     | sort -u | tr '\n' ' ' | sed 's/ $//')"
 
-barriers() { # barriers FUNCTION: its exclusive stores, barriers and plain stores, in order
-  "$objdump" -d --disassemble="$1" "$library" | grep -v '\[sp' | grep -owE 'strex|dmb|str' | xargs
+barriers() { # barriers FUNCTION KINDS: its instructions of these kinds, in order
+  "$objdump" -d --disassemble="$1" "$library" | grep -owE "$2" | xargs
 }
 if readelf -h "$library" | grep -q 'Machine:.*ARM$'; then
-  differ spinlock_try_lock "strex dmb" "$(barriers spinlock_try_lock)"
-  differ spinlock_lock "strex dmb" "$(barriers spinlock_lock)"
-  differ spinlock_unlock "dmb str" "$(barriers spinlock_unlock)"
+  differ spinlock_try_lock "strex dmb" "$(barriers spinlock_try_lock 'strex|dmb')"
+  differ spinlock_lock "strex dmb" "$(barriers spinlock_lock 'strex|dmb')"
+  differ spinlock_unlock "dmb str" "$(barriers spinlock_unlock 'dmb|str')"
 fi
 exit $fail
