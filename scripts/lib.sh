@@ -48,6 +48,12 @@ build_preset() {
     || { grep -E 'error|FAILED|warning' "$root/build/$preset.log" | head -n 30 >&2
          die "building $preset: see build/$preset.log"; }
 }
+
+# build_examples PRESET FOLDER: the library and the example programs alone.
+build_examples() {
+  { cmake --preset "$1" -B "$2" -DKELVARA_BUILD_TESTS=OFF && cmake --build "$2" -j "$jobs"; } \
+    >"$2.log" 2>&1 || { tail -n 30 "$2.log" >&2; die "building: see $2.log"; }
+}
 mkdir -p "$root/build"
 
 # What runs a program of the armhf preset; filled by need_armhf.
@@ -62,4 +68,15 @@ need_armhf() {
   }
   "$root/scripts/arm_sysroot" || return $?
   arm_runner=(qemu-arm -cpu cortex-a9 -L "${KELVARA_ARMHF_SYSROOT:-$root/build/armhf-sysroot}")
+}
+
+# What scripts/board needs. Status 77 as above.
+need_board() {
+  (need_packages cpio kmod qemu-system-arm) || {
+    echo "board: SKIPPED, the emulator cannot be installed" >&2
+    return 77
+  }
+  "$root/scripts/arm_sysroot" "$root/build/board/tree" linux-image-armmp busybox-static bash libtinfo6 \
+    libc6 libgcc-s1 libstdc++6 libevent-core-2.1-7 libevent-pthreads-2.1-7 libconfig9 \
+    python3.11-minimal libpython3.11-minimal libpython3.11-stdlib libexpat1 zlib1g
 }
