@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Counting, failing and holding the calls that the library makes.
 //
-// A test that includes this header is linked against the library's own objects with the names of
-// wrapped.txt redirected here. Nothing is counted until calls_watch(); outside that the calls go
-// straight through.
+// A test that includes this header is linked against the library's own objects with the names that
+// calls.cpp wraps redirected there. Nothing is counted until calls_watch(); outside that the calls
+// go straight through.
 #pragma once
 #include <functional>
 #include <string>
