@@ -18,17 +18,15 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-namespace
-{
-std::atomic<bool> gWatching{false};
-thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
-std::mutex gLk;            // guards the three below
-tCallRule gRule;
-std::vector<std::string> gSeen;
-std::map<std::string, unsigned> gCounts;
-std::atomic<const char *> gExitText{""};
+static std::atomic<bool> gWatching{false};
+static thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
+static std::mutex gLk;            // guards the three below
+static tCallRule gRule;
+static std::vector<std::string> gSeen;
+static std::map<std::string, unsigned> gCounts;
+static std::atomic<const char *> gExitText{""};
 
-int _enter(const char *name)
+static int _enter(const char *name)
 {
     if (gInside || !gWatching.load(std::memory_order_relaxed))
         return 0;
@@ -51,7 +49,6 @@ int _enter(const char *name)
     errno = errNow;
     return err;
 }
-} // namespace
 
 void calls_watch(tCallRule rule)
 {

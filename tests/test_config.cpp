@@ -7,10 +7,8 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-namespace
-{
 // Each loader on a preset record: its result, and what the record holds then.
-std::string log_loaded(const config_t *cfg)
+static std::string log_loaded(const config_t *cfg)
 {
     tLogCfg rec = {LOG_RUN_MAX, LOG_FILE_MAX, 77, LOG_SWITCH_MAX, LOG_SWITCH_MAX, "kept"};
     const int ret = load_log_cfg(&rec, "a.b", cfg);
@@ -21,20 +19,19 @@ std::string log_loaded(const config_t *cfg)
         got += std::to_string(field) + " ";
     return got + rec.saveLogPath;
 }
-std::string serv_loaded(const config_t *cfg)
+static std::string serv_loaded(const config_t *cfg)
 {
     tDmnServCfg rec = {"kept"};
     const int ret = load_dmn_serv_cfg(&rec, "a.b", cfg);
     return std::to_string(ret) + " " + rec.dmNme;
 }
-std::string dog_loaded(const config_t *cfg)
+static std::string dog_loaded(const config_t *cfg)
 {
     tFeddogCfg rec = {3, 4, "kept", "too"};
     const int ret = load_feeddog_cfg(&rec, "a.b", cfg);
     return std::to_string(ret) + " " + std::to_string(rec.feddogSec) + " " +
            std::to_string(rec.feddogUSec) + " " + rec.feddogNme + " " + rec.txFeddogHtDmNme;
 }
-} // namespace
 
 TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest)
 {

@@ -12,13 +12,11 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-namespace
-{
-const std::string gicStop = "OFF self_dog: Wait _feddog_func_pth() pthread stop------\n"
-                            "OFF self_dog: _feddog_func_pth() pthread already stop------\n";
-tTempDir gDir;
+static const std::string gicStop = "OFF self_dog: Wait _feddog_func_pth() pthread stop------\n"
+                                   "OFF self_dog: _feddog_func_pth() pthread already stop------\n";
+static tTempDir gDir;
 
-tFeddogCfg dog_cfg(uint32_t usec, const char *name = "gnssd")
+static tFeddogCfg dog_cfg(uint32_t usec, const char *name = "gnssd")
 {
     tFeddogCfg cfg = {0, usec, "", ""};
     snprintf(cfg.feddogNme, sizeof cfg.feddogNme, "%s", name);
@@ -27,7 +25,7 @@ tFeddogCfg dog_cfg(uint32_t usec, const char *name = "gnssd")
 }
 
 // What is said while a client of `cfg` runs and `body` plays the watchdog, on its connection.
-std::string fed(tFeddogCfg cfg, const std::function<void(int)> &body)
+static std::string fed(tFeddogCfg cfg, const std::function<void(int)> &body)
 {
     unlink(cfg.txFeddogHtDmNme);
     const int dog = unix_listen(cfg.txFeddogHtDmNme);
@@ -43,11 +41,10 @@ std::string fed(tFeddogCfg cfg, const std::function<void(int)> &body)
     return said;
 }
 
-bool is_call(const tCall &call, const std::string &name)
+static bool is_call(const tCall &call, const std::string &name)
 {
     return name == call.name;
 }
-} // namespace
 
 TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
 {

@@ -16,11 +16,10 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 static const eLogLevl gicDbLev = LOG_LEV_INFO;
 
-namespace
-{
-tTempDir gDir;
+static tTempDir gDir;
 
-tLogCfg log_cfg(eLogRunMod mode, eLogSwitch console, const std::string &path = "", uint32_t max = 0)
+static tLogCfg log_cfg(eLogRunMod mode, eLogSwitch console, const std::string &path = "",
+                       uint32_t max = 0)
 {
     tLogCfg cfg = {mode, LOG_FILE_TWO, max, console, LOG_SWITCH_ON, ""};
     if (path.empty())
@@ -28,13 +27,14 @@ tLogCfg log_cfg(eLogRunMod mode, eLogSwitch console, const std::string &path = "
     path.copy(cfg.saveLogPath, sizeof cfg.saveLogPath - 1);
     return cfg;
 }
-tLogCfg file_cfg(const std::string &path, uint32_t max, eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
+static tLogCfg file_cfg(const std::string &path, uint32_t max,
+                        eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
 {
     return log_cfg(mode, LOG_SWITCH_OFF, path, max);
 }
 
 // What is said while the service runs and `body` logs.
-std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int ret = 0)
+static std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int ret = 0)
 {
     return output_of([&] {
         EXPECT_EQ(ret, log_system_init(&cfg));
@@ -43,7 +43,7 @@ std::string logged(const tLogCfg &cfg, const std::function<void()> &body, int re
     });
 }
 
-std::vector<std::string> lines_of(const std::string &text)
+static std::vector<std::string> lines_of(const std::string &text)
 {
     std::vector<std::string> lines;
     for (size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
@@ -51,7 +51,7 @@ std::vector<std::string> lines_of(const std::string &text)
     return lines;
 }
 
-void in_threads(int count, const std::function<void(int)> &body)
+static void in_threads(int count, const std::function<void(int)> &body)
 {
     std::vector<std::thread> pool;
     for (int t = 0; t < count; ++t)
@@ -59,7 +59,6 @@ void in_threads(int count, const std::function<void(int)> &body)
     for (auto &one : pool)
         one.join();
 }
-} // namespace
 
 TEST(Log, LineHasTagTimeFileLineAndBody)
 {
