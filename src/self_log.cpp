@@ -142,8 +142,8 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
                     static_cast<int>(random() % 100000)) >= 0;
 }
 
-// A host may have closed a standard descriptor. What got its number is moved away from it: it would
-// get what is printed on the console, and the pipe its own lines for ever. -1 when that fails.
+// If a standard descriptor was closed, ours may have its number and would receive console output:
+// moves it above 2. -1 when that fails.
 static int _above_console(int aicFd)
 {
     if (aicFd > STDERR_FILENO)
@@ -440,7 +440,7 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     const size_t used = _put_head(line, gicLogStrAry[tag], local, static_cast<long>(now.tv_usec),
                                   aipcFlNme, aicLnNum);
 
-    // What does not fit is cut; a format that cannot be expanded leaves the header alone.
+    // What does not fit is cut; of a format that cannot be expanded there stays the beginning.
     if (aicLogLvl == LOG_LEV_TRACE)
         (void)!snprintf(line + used, room - used, "%s() start\n", aipcFuncNme);
     else {

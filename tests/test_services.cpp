@@ -431,9 +431,13 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         [&] { return (pStream = popen2(program, type)) != nullptr; },
         [&] { return pclose2(pStream) == -1 && calls_count("fclose") == 1; },
         [&] { return dmn_serv_tx_clit_msg(program, 1) == 0; },
+        [&] {
+            logger(0, 0, "kept\n");
+            return true;
+        },
         [&] { return dmn_server_exit() + log_system_exit() == 0; },
     };
-    output_of([&] {
+    const std::string said = output_of([&] {
         EXPECT_EQ(0, log_system_init(&cfg) + dmn_server_init(&serv));
         const int client = unix_connect_soon(serv.dmNme);
         calls_watch(spare);
@@ -450,6 +454,7 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         dmn_serv_tx_clit_msg(program, 1);
         close(client);
     });
+    EXPECT_EQ(1U, count_of(said, "kept\n"));
     while (wait(nullptr) > 0)
         continue;
 }

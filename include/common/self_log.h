@@ -14,17 +14,29 @@
  * Until log_system_init() every line goes to standard output; afterwards where the installed
  * tLogCfg says.
  *
- * Threads: log_msg(), logger() and LOG_MSG may be used by any number of threads, and a thread that
- * may be cancelled never loses a lock in them. log_system_init() comes before other threads log,
- * log_system_exit() after they have stopped; neither takes a lock against the other.
+ * Threads: log_msg(), logger() and LOG_MSG may be used by any number of threads. A cancel takes
+ * effect after the line, which is not lost. log_system_init() comes before other threads log,
+ * log_system_exit() after they have stopped. Threads that go on all the same lose their lines from
+ * then on, and the exit ends. It waits for those inside a call, but no longer than half a second
+ * for one that stands still there: the pipe stays open then, two descriptors.
  *
  * What blocks: in direct mode the caller does the console and file output itself. With the writer
  * thread a caller makes one write() into a pipe, and waits only when that pipe (64 KiB, as a rule)
- * is full.
+ * is full. A console that nobody reads blocks whoever writes to it, log_system_exit() too.
  *
- * What is lost: a crash loses the write in progress, and with the writer thread also what still
- * stands in the pipe. log_system_exit() delivers everything that the pipe took before it; a line is
- * lost when a signal interrupts its caller's wait for a full pipe.
+ * What is lost: a crash loses the write in progress, with the writer thread also what still stands
+ * in the pipe, and where standard output is a pipe or a file what stdio holds back: some KiB of
+ * console lines, unless the host starts with setvbuf(stdout, NULL, _IOLBF, 0). log_system_exit()
+ * delivers everything that the pipe took before it; a line is lost when a signal interrupts its
+ * caller's wait for a full pipe.
+ *
+ * Files: each process needs a path of its own. Two daemons with the same one, the default for
+ * instance, empty and overwrite each other's files. At a rotation the next file takes the
+ * descriptor of the last one; if another thread is faster and no other is free, file output ends
+ * until the next start: keep some free. The same clock and random() as anybody's make the names of
+ * LOG_FILE_TIME: unless the host calls srandom(), each process begins with the same number, and one
+ * restarted within the second empties the file it left. On 32 bits too a file may grow beyond 2 GiB
+ * and the year beyond 2038, whatever the host is compiled with.
  *
  * errno is left as it was by log_msg() and LOG_MSG. A child made by fork() must not log with the
  * writer thread, which it does not have, nor call log_system_exit(); start the service after
@@ -111,8 +123,7 @@ extern eLogLevl gLogLevl;
 /* Logs a line when aicLev is at most the source file's ceiling gicDbLev (a constant: calls above
  * it leave no code) and at most gLogLevl. A suppressed call costs one load and one comparison, and
  * its arguments are not evaluated. The format is a printf format and brings its own line break. At
- * LOG_LEV_TRACE the line is the calling function's name and " start", whatever the format.
- * A level beyond LOG_LEV_LOUD is no level of a line.
+ * LOG_LEV_TRACE the line is the calling function's name and "() start", whatever the format.
  * The file name shown is the last component of the path that the compiler was given. */
 #define LOG_MSG(aicLev, ...)                                                                       \
     do {                                                                                           \
@@ -126,8 +137,9 @@ extern eLogLevl gLogLevl;
 /* Formats one line and delivers it; LOG_MSG is the usual way here. aipcFlNme: base name of the
  * source file; aipcFuncNme: the function's name; aicLnNum: the line; then a printf format and its
  * arguments. The finished line "[TAG:hh:mm:ss.uuuuuuuu file line] text" holds at most 1022
- * characters; what goes beyond is cut, its line break included. Uses 1 KiB of the caller's stack
- * and allocates nothing. Levels beyond LOG_LEV_LOUD are shown as LOG_LEV_LOUD. */
+ * characters; what goes beyond is cut, its line break included. Of a format that cannot be expanded
+ * there stays what was expanded before. Uses 1 KiB of the caller's stack and allocates nothing.
+ * LOG_LEV_OFF to LOG_LEV_LOUD; anything higher is shown as LOG_LEV_LOUD. */
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
              const int aicLnNum, const char *format, ...) __attribute__((format(printf, 5, 6)));
 
@@ -155,7 +167,9 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
  *   -4     (ERR_LOG_FOPEN)          the first file cannot be opened
  *   -2     (ERR_LOG_PTHREAD_CREATE) no writer thread
  *   -3     (ERR_LOG_PIPE_CREATE)    no pipe, or its descriptor is too high for select()
- * After a failure what was done before it stays, until log_system_exit() releases it. */
+ * After a failure what was done before it stays, until log_system_exit() releases it. So does the
+ * configuration: without its writer thread or pipe no line goes anywhere, not to the console
+ * either. */
 int log_system_init(const tLogCfg *aipcLogCfg);
 
 /* Stops the writer thread, delivers what still stands in the pipe, closes file and pipe. The
