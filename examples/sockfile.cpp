@@ -59,7 +59,7 @@ void sockfile_bound(tSockFile *aopFile, const char *aicpcPath)
 void sockfile_remove(tSockFile *aiopFile)
 {
     struct stat st;
-    if (aiopFile->path != nullptr && lstat(aiopFile->path, &st) == 0 &&
+    if (aiopFile->path != nullptr && lstat(aiopFile->path, &st) == 0 && S_ISSOCK(st.st_mode) &&
         st.st_dev == aiopFile->dev && st.st_ino == aiopFile->ino &&
         sockfile_probe(aiopFile->path) == ECONNREFUSED)
         (void)unlink(aiopFile->path); // what stays is replaced at the next start
