@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * aes: AES with keys of 128 bits (FIPS-197), on one block (ECB) or on a run of blocks (CBC, NIST
  * SP 800-38A).
  *
@@ -39,13 +40,15 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Enciphers, or deciphers, the 16 bytes at input into the 16 bytes at output, under the 16-byte
- * key, which must not be null. input and output may be the same block. The key also serves later
- * CBC calls with a null key; the chaining value is not touched. */
+/** Enciphers the 16 bytes at input into the 16 bytes at output, under the 16-byte key, which must
+ * not be null. input and output may be the same block. The key also serves later CBC calls with a
+ * null key; the chaining value is not touched. */
 void AES128_ECB_encrypt(uint8_t *input, const uint8_t *key, uint8_t *output);
+
+/** Deciphers a block; all else is as with AES128_ECB_encrypt(). */
 void AES128_ECB_decrypt(uint8_t *input, const uint8_t *key, uint8_t *output);
 
-/* Enciphers length bytes of input into output by CBC. key: 16 bytes, or null for the key expanded
+/** Enciphers length bytes of input into output by CBC. key: 16 bytes, or null for the key expanded
  * last. iv: the 16-byte chaining value to begin with, or null to continue. output may be input.
  * Each whole block of input is left XORed with its chaining value: it no longer holds the plain
  * text.
@@ -55,7 +58,7 @@ void AES128_ECB_decrypt(uint8_t *input, const uint8_t *key, uint8_t *output);
 void AES128_CBC_encrypt_buffer(uint8_t *output, uint8_t *input, uint32_t length, const uint8_t *key,
                                const uint8_t *iv);
 
-/* Deciphers length bytes of input into output by CBC; key and iv as above. input stays unchanged
+/** Deciphers length bytes of input into output by CBC; key and iv as above. input stays unchanged
  * and must not overlap output.
  * The last length % 16 bytes, if any, are filled up with zeros in output and deciphered there as
  * one more block of the chain; output and input then both need length rounded up to 16, because a

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * bbase64: bytes to Base64 text and back, in the standard alphabet with padding (RFC 4648,
  * section 4).
  *
@@ -30,20 +31,22 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Encodes src_len bytes of src into dest, which has room for dst_len characters; it takes
- * 4 * ((src_len + 2) / 3) of them. Returns the number of characters written, or -1 when dest is
- * too small; the groups that did fit are then in dest. Writes no terminating zero. */
+/** Encodes src_len bytes of src into dest, which has room for dst_len characters; it takes 4 *
+ * ((src_len + 2) / 3) of them. Writes no terminating zero.
+ * @return the number of characters written, or -1 when dest is too small; the groups that did fit
+ * are then in dest */
 int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t dst_len);
 
-/* Decodes src_len characters of src into dest, which has room for dst_len bytes, group by group of
- * 4 characters. Returns the number of bytes written, or -1 at a group with a character outside the
- * alphabet (line breaks and blanks are outside) or with '=' as its first or second character; the
- * bytes of the groups before are then in dest. Lenient in these cases, all without an error:
+/** Decodes src_len characters of src into dest, which has room for dst_len bytes, group by group of
+ * 4 characters. Lenient in these cases, all without an error:
  *   - a group with '=' third or fourth gives 1 or 2 bytes and ends the text, whatever follows;
  *   - 1 to 3 characters after the last whole group are ignored;
  *   - bits of a padded group that reach no byte are ignored ("QR==" is "QQ==");
  *   - where fewer than 3 bytes of room are left decoding stops, before a padded group too, so
- *     give dest 3 bytes for every 4 characters. */
+ *     give dest 3 bytes for every 4 characters.
+ * @return the number of bytes written, or -1 at a group with a character outside the alphabet
+ * (line breaks and blanks are outside) or with '=' as its first or second character; the bytes
+ * of the groups before are then in dest */
 int bbase64_decode(const char *src, size_t src_len, unsigned char *dest, size_t dst_len);
 
 #pragma GCC visibility pop

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * buffer: a growable byte buffer, with writers in network byte order.
  *
  * For assembling a message before it is sent, and for collecting what a descriptor delivers until
@@ -52,105 +53,119 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Unsigned integers by their width, as the functions below name them. */
-typedef uint8_t uint8;
-typedef uint16_t uint16;
-typedef uint32_t uint32;
-typedef uint64_t uint64;
+typedef uint8_t uint8;   /**< 8 bits, unsigned */
+typedef uint16_t uint16; /**< 16 bits, unsigned */
+typedef uint32_t uint32; /**< 32 bits, unsigned */
+typedef uint64_t uint64; /**< 64 bits, unsigned */
 
-/* Always 0 <= used <= size. Appending, copying, shifting and writing leave a 0 behind the data, at
+/** Always 0 <= used <= size. Appending, copying, shifting and writing leave a 0 behind the data, at
  * ptr[used]; buffer_calloc() and read_buffer() do not, and the latter may fill the storage to its
  * last byte. */
 typedef struct buffer_t {
-    char *ptr;    /* the storage */
-    int32_t size; /* its capacity in bytes; never shrinks */
-    int32_t used; /* bytes of data, from the start of the storage */
+    char *ptr;    /**< the storage */
+    int32_t size; /**< its capacity in bytes; never shrinks */
+    int32_t used; /**< bytes of data, from the start of the storage */
 } buffer_t;
 
-/* The heap that all live buffers of the process hold: capacities plus sizeof(buffer_t) each. A
+/** The heap that all live buffers of the process hold: capacities plus sizeof(buffer_t) each. A
  * statistic. Read it with __atomic_load_n() where other threads use buffers; a plain read of 64
  * bits can be torn on a 32-bit processor. */
 extern uint64_t buffer_memory;
 
 /* --- life ------------------------------------------------------------------------------------- */
 
-/* Makes an empty buffer; the capacity is the next multiple of 64 above size (0 gives 64, 64 gives
- * 128), all bytes 0. Null when memory is short, when size is negative, or when it is too large for
- * such a multiple. */
+/** Makes an empty buffer; the capacity is the next multiple of 64 above size (0 gives 64, 64 gives
+ * 128), all bytes 0.
+ * @return the buffer; null when memory is short, when size is negative, or when it is too large
+ * for such a multiple */
 buffer_t *buffer_init(int size);
 
-/* Releases buffer and storage. */
+/** Releases buffer and storage. */
 void buffer_free(buffer_t *b);
 
-/* Empties the buffer for reuse and sets the whole storage to 0. The capacity stays. */
+/** Empties the buffer for reuse and sets the whole storage to 0. The capacity stays. */
 void buffer_reset(buffer_t *b);
 
-/* Makes sure of a capacity of at least size bytes. A smaller one becomes the next multiple of 512
+/** Makes sure of a capacity of at least size bytes. A smaller one becomes the next multiple of 512
  * above size (512 gives 1024), with the data kept and the new bytes not cleared. When that cannot
  * be had, nothing changes: look at b->size. Moves the storage. */
 void buffer_expand(buffer_t *b, int size);
 
 /* --- buffer to buffer ------------------------------------------------------------------------- */
 
-/* Appends the data of src to dst, which grows as needed. Does nothing when src is empty, either
+/** Appends the data of src to dst, which grows as needed. Does nothing when src is empty, either
  * storage is missing or growth fails. */
 void buffer_append(buffer_t *dst, buffer_t *src);
 
-/* Replaces the data of dst by that of src; dst grows as needed. Does nothing in the same cases: an
+/** Replaces the data of dst by that of src; dst grows as needed. Does nothing in the same cases: an
  * empty src does not empty dst. */
 void buffer_copy(buffer_t *dst, buffer_t *src);
 
 /* --- in and out ------------------------------------------------------------------------------- */
 
-/* Appends len zero bytes and returns their address, for filling in place; good until the buffer
- * grows or is freed. Never grows the buffer: null, with nothing done, when fewer than len + 1 bytes
- * are free or len is negative. allocator must not be null. */
+/** Appends len zero bytes and returns their address, for filling in place; good until the buffer
+ * grows or is freed. Never grows the buffer: null, with nothing done, when fewer than len + 1
+ * bytes are free or len is negative. allocator must not be null.
+ * @return the address of the len bytes, or null */
 char *buffer_calloc(buffer_t *allocator, int len);
 
-/* Appends what one read() of fd delivers: all that waits there (FIONREAD), for which the buffer
+/** Appends what one read() of fd delivers: all that waits there (FIONREAD), for which the buffer
  * grows first, or one byte when nothing waits. When growth fails, as much as there is room for.
  * Works on what FIONREAD knows: sockets, pipes, terminals, regular files. From a datagram socket
  * each call takes one datagram: one that comes when nothing waited is cut to its first byte, so
- * wait until the fd is readable; an empty one looks like the end of a stream. Returns > 0  the
- * number of bytes appended (no 0 is written behind them) 0    nothing for now: EAGAIN or EINTR -1
- * end of stream, an error, no room, a null buffer, or an fd below 1 Prints "toread:%d ret:%d,
- * msg:%s\n" on standard output when the read() itself ends with -1: the bytes asked for, its result
- * and the text of errno, which is a stale one at the end of the stream. A failing FIONREAD is
- * silent. */
+ * wait until the fd is readable; an empty one looks like the end of a stream. Prints "toread:%d
+ * ret:%d, msg:%s\n" on standard output when the read() itself ends with -1: the bytes asked for,
+ * its result and the text of errno, which is a stale one at the end of the stream. A failing
+ * FIONREAD is silent.
+ * @return
+ * - above 0: the number of bytes appended; no 0 is written behind them
+ * - 0: nothing for now, EAGAIN or EINTR
+ * - -1: end of stream, an error, no room, a null buffer, or an fd below 1 */
 int read_buffer(int fd, buffer_t *p_buff_t);
 
-/* Drops len bytes from the front and moves the rest there. Does nothing when fewer are stored or
+/** Drops len bytes from the front and moves the rest there. Does nothing when fewer are stored or
  * len is negative. */
 void buffer_shift(buffer_t *b, int len);
 
 /* --- byte order ------------------------------------------------------------------------------- */
 
-/* Return the value whose bytes in memory are those of _p, least significant first (LE) or most
- * significant first (BE), on a processor of either kind. Each undoes itself. */
+/* The same call converts back. */
+
+/** @return the value whose 2 bytes in memory are those of _p, least significant first, on a
+ * processor of either kind. */
 uint16 TO_WLE(uint16 _p);
+/** @return as TO_WLE(), of 4 bytes. */
 uint32 TO_DWLE(uint32 _p);
+/** @return as TO_WLE(), of 8 bytes. */
 uint64 TO_QWLE(uint64 _p);
+/** @return the value whose 2 bytes in memory are those of _p, most significant first (network byte
+ * order), on a processor of either kind. */
 uint16 TO_WBE(uint16 _p);
+/** @return as TO_WBE(), of 4 bytes. */
 uint32 TO_DWBE(uint32 _p);
+/** @return as TO_WBE(), of 8 bytes. */
 uint64 TO_QWBE(uint64 _p);
 
 /* --- writers ---------------------------------------------------------------------------------- */
 
-/* Appends the len bytes at wbuf. The buffer grows when fewer than len + 1 bytes are free; when that
- * fails, nothing is written. len 0 writes the 0 behind the data and nothing else (a full buffer
- * grows for it); wbuf is not looked at then. */
+/** Appends the len bytes at wbuf. The buffer grows when fewer than len + 1 bytes are free; when
+ * that fails, nothing is written. len 0 writes the 0 behind the data and nothing else (a full
+ * buffer grows for it); wbuf is not looked at then. */
 void _write_ex(buffer_t *buf, const void *wbuf, uint32 len);
 
-/* Append v in 1, 2, 4 or 8 bytes, most significant first. Growth and its failure as above. */
+/** Appends the byte v. The buffer grows, and fails to grow, as with _write_ex(). */
 void write_uint8(buffer_t *buf, uint8 v);
+/** Appends v in 2 bytes, most significant first; all else as with write_uint8(). */
 void write_uint16(buffer_t *buf, uint16 v);
+/** Appends v in 4 bytes, most significant first; all else as with write_uint8(). */
 void write_uint32(buffer_t *buf, uint32 v);
+/** Appends v in 8 bytes, most significant first; all else as with write_uint8(). */
 void write_uint64(buffer_t *buf, uint64 v);
 
-/* Appends the l bytes at s, like _write_ex(). */
+/** Appends the l bytes at s, like _write_ex(). */
 void write_bytes(buffer_t *buf, char *s, uint32 l);
 
-/* Appends l as write_uint32() does, then the l bytes at s. l is never measured from s. Either all
+/** Appends l as write_uint32() does, then the l bytes at s. l is never measured from s. Either all
  * of it is written or, when growth fails, nothing. */
 void write_string(buffer_t *buf, char *s, uint32 l);
 

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * dmn_serv: the local server of a daemon.
  *
  * A Unix-domain stream socket on a thread and an event loop of its own. Every local process that
@@ -58,10 +59,10 @@ struct config_t;   /* libconfig's parsed configuration */
 struct event;      /* libevent's event */
 struct event_base; /* libevent's event loop */
 
-/* Result codes that the library's services and the host daemons share; an operation returns 0 or
+/** Result codes that the library's services and the host daemons share; an operation returns 0 or
  * the negated member. The server itself returns only the members that carry a remark. */
 typedef enum _eDmnServErrVal_ {
-    SUCCESS_DMN = 0, /* done */
+    SUCCESS_DMN = 0, /**< done */
     ERR_TMP_DMN,
     ERR_MALLOC_DMN,
     ERR_CALLOC_DMN,
@@ -72,20 +73,20 @@ typedef enum _eDmnServErrVal_ {
     ERR_OPEN_TTY_DMN,
     ERR_GET_RLIMIT_DMN,
     ERR_SET_RLIMIT_DMN,
-    ERR_PTHREAD_CREATE_DMN, /* the server thread could not be started */
+    ERR_PTHREAD_CREATE_DMN, /**< the server thread could not be started */
     ERR_EVENT_NEW_BASE_DMN,
-    ERR_EVENT_NEW_DMN, /* the accept event could not be made */
+    ERR_EVENT_NEW_DMN, /**< the accept event could not be made */
     ERR_LIBCFG_READ_FILE_DMN,
-    ERR_LIBCFG_CFG_LOOKUP_DMN, /* the configuration group is missing */
+    ERR_LIBCFG_CFG_LOOKUP_DMN, /**< the configuration group is missing */
     ERR_LIBCFG_SETTING_LOOKUP_DMN,
     ERR_CFG_SETTING_GET_MEMBER_DMN,
     ERR_LIBCFG_SETTING_GET_ELEM_DMN,
     ERR_CFG_SETING_LEN_DMN,
-    ERR_SOCKET_OPEN_DMN = 4096, /* no socket */
-    ERR_SOCKET_LISTEN_DMN,      /* the socket does not listen */
+    ERR_SOCKET_OPEN_DMN = 4096, /**< no socket */
+    ERR_SOCKET_LISTEN_DMN,      /**< the socket does not listen */
     ERR_SOCKET_CONNECT_DMN,
     ERR_SOCKET_IOCTL_DMN,
-    ERR_SOCKET_BIND_DMN, /* the path cannot be bound, is empty or too long */
+    ERR_SOCKET_BIND_DMN, /**< the path cannot be bound, is empty or too long */
     ERR_SOCKET_READ_DMN,
     ERR_SOCKET_WRITE_DMN,
     ERR_RTNL_OPEN_DMN,
@@ -100,48 +101,51 @@ typedef enum _eDmnServErrVal_ {
     ERR_MAX_DMN,
 } eDmnServErrVal;
 
-/* The server's configuration. The host owns the record and keeps it valid and unchanged while the
+/** The server's configuration. The host owns the record and keeps it valid and unchanged while the
  * server runs. */
 typedef struct _tDmnServCfg_ {
-    char dmNme[256]; /* path of the socket, zero-terminated; 1 to 107 characters can be bound */
+    char dmNme[256]; /**< path of the socket, zero-terminated; 1 to 107 characters can be bound */
 } tDmnServCfg;
 
-/* One connected client, as the server keeps it; hosts have no use for it. */
+/** One connected client, as the server keeps it; hosts have no use for it. */
 typedef struct _tClitNetCon_ {
-    list_head hnode;       /* link in the registry; first, so that its address is the record's */
-    int fd;                /* the accepted connection */
-    struct event *pClitEt; /* persistent read event on fd; null once deleted */
+    list_head hnode;       /**< link in the registry; first, so that its address is the record's */
+    int fd;                /**< the accepted connection */
+    struct event *pClitEt; /**< persistent read event on fd; null once deleted */
 } tClitNetCon;
 
-/* Copies the string "dmNme" of the libconfig group at path aicpcCfgNme into aopcDmnCfg, at most
- * 254 characters. A missing key, or one that is no string, leaves the record as it was. Returns 0,
- * or -15 (ERR_LIBCFG_CFG_LOOKUP_DMN), logged, when there is no such group. Keeps no reference. */
+/** Copies the string "dmNme" of the libconfig group at path aicpcCfgNme into aopcDmnCfg, at most
+ * 254 characters. A missing key, or one that is no string, leaves the record as it was. Keeps no
+ * reference.
+ * @return 0, or -15 (ERR_LIBCFG_CFG_LOOKUP_DMN), logged, when there is no such group */
 int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgNme,
                       const struct config_t *const aicpcCfg);
 
-/* Starts the server thread and returns at once: 0, or -11 (ERR_PTHREAD_CREATE_DMN), logged. The
- * thread then makes the socket; what fails there shows in the log only, and the thread ends by
- * itself. Either way dmn_server_exit() is the end of it and comes before the next init: without it
- * each try would leave a thread's stack behind, 8 MB of addresses, and a descriptor. */
+/** Starts the server thread and returns at once. The thread then makes the socket; what fails there
+ * shows in the log only, and the thread ends by itself. Either way dmn_server_exit() is the end of
+ * it and comes before the next init: without it each try would leave a thread's stack behind, 8 MB
+ * of addresses, and a descriptor.
+ * @return 0, or -11 (ERR_PTHREAD_CREATE_DMN), logged */
 int dmn_server_init(tDmnServCfg *const aipcDmnServCfg);
 
-/* Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
+/** Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
  * accept event on aipEtBse. The server thread calls it; a host may, on an event base of its own
- * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit() while
- * the base exists and nobody dispatches it; the base stays the host's. Returns 0, -4096 (no
- * socket), -4100 (bind; also an empty path, reported as EINVAL, and one of more than 107
- * characters, ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged. What was made before a
- * failure stays until dmn_server_exit(). */
+ * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit()
+ * while the base exists and nobody dispatches it; the base stays the host's. What was made before
+ * a failure stays until dmn_server_exit().
+ * @return 0, -4096 (no socket), -4100 (bind; also an empty path, reported as EINVAL, and one of
+ * more than 107 characters, ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged */
 int _dmn_server_init(struct event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg);
 
-/* Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with
- * one write each that never waits. Always returns 0; what a client could not take is lost to it. A
- * negative length sends nothing. */
+/** Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with
+ * one write each that never waits. A negative length sends nothing.
+ * @return always 0; what a client could not take is lost to it */
 int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen);
 
-/* Stops the server and releases all it made: clients read end-of-stream. Always returns 0. May be
- * called again, without a start, and after the server thread ended by itself. Never from one of
- * the server's own callbacks. */
+/** Stops the server and releases all it made: clients read end-of-stream. May be called again,
+ * without a start, and after the server thread ended by itself. Never from one of the server's own
+ * callbacks.
+ * @return always 0 */
 int dmn_server_exit(void);
 
 #pragma GCC visibility pop

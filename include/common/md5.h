@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * md5: MD5 message digests (RFC 1321), 16 bytes each.
  *
  * Over a buffer, over data that comes in pieces, or over an open stream. The smallest use:
@@ -41,42 +42,48 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* A digest in the making. Allocated by the caller, filled by md5_init_ctx(). */
+/** A digest in the making. Allocated by the caller, filled by md5_init_ctx(). */
 struct md5_ctx {
-    uint32_t A, B, C, D; /* the chaining state */
-    uint32_t total[2];   /* bytes processed so far, low word first; those pending not included */
-    uint32_t buflen;     /* bytes pending, 0 to 64: a whole block may wait */
-    uint32_t buffer[32]; /* the pending bytes, and room to pad them */
+    uint32_t A;          /**< the chaining state */
+    uint32_t B;          /**< its second word */
+    uint32_t C;          /**< its third word */
+    uint32_t D;          /**< its fourth word */
+    uint32_t total[2];   /**< bytes processed so far, low word first; those pending not included */
+    uint32_t buflen;     /**< bytes pending, 0 to 64: a whole block may wait */
+    uint32_t buffer[32]; /**< the pending bytes, and room to pad them */
 };
 
-/* Starts a digest: the initial state of RFC 1321, no bytes taken. */
+/** Starts a digest: the initial state of RFC 1321, no bytes taken. */
 void md5_init_ctx(struct md5_ctx *ctx);
 
-/* Runs the compression function over the len / 64 blocks at buffer and counts len bytes. For
+/** Runs the compression function over the len / 64 blocks at buffer and counts len bytes. For
  * callers with whole blocks only: len must be a multiple of 64 (not checked), and no bytes may be
  * pending from md5_process_bytes(), which would otherwise be hashed after these. */
 void md5_process_block(const void *buffer, size_t len, struct md5_ctx *ctx);
 
-/* Takes len bytes, any number, and keeps what does not fill a block for the next call. */
+/** Takes len bytes, any number, and keeps what does not fill a block for the next call. */
 void md5_process_bytes(const void *buffer, size_t len, struct md5_ctx *ctx);
 
-/* Pads the message, hashes what is pending, writes the 16 bytes of the digest to resbuf and
- * returns resbuf. The context is spent; md5_init_ctx() starts the next digest in it. Messages may
- * have up to 2^61 - 1 bytes; of the length of a longer one RFC 1321 keeps the low 64 bits. */
+/** Pads the message, hashes what is pending, writes the 16 bytes of the digest to resbuf. The
+ * context is spent; md5_init_ctx() starts the next digest in it. Messages may have up to 2^61 - 1
+ * bytes; of the length of a longer one RFC 1321 keeps the low 64 bits.
+ * @return resbuf */
 void *md5_finish_ctx(struct md5_ctx *ctx, void *resbuf);
 
-/* Writes the chaining state as it is now, A, B, C, D, each word's low byte first: 16 bytes to
- * resbuf, which is returned. Does not pad and leaves the context as it is, so this is the digest
- * only after md5_finish_ctx(). */
+/** Writes the chaining state as it is now, A, B, C, D, each word's low byte first: 16 bytes to
+ * resbuf. Does not pad and leaves the context as it is, so this is the digest only after
+ * md5_finish_ctx().
+ * @return resbuf */
 void *md5_read_ctx(const struct md5_ctx *ctx, void *resbuf);
 
-/* The digest of len bytes at buffer in one call: 16 bytes to resblock, which is returned. */
+/** The digest of len bytes at buffer in one call: 16 bytes to resblock.
+ * @return resblock */
 void *md5_buffer(const char *buffer, size_t len, void *resblock);
 
-/* The digest of all that can still be read from stream, from its position to its end. Returns 0
- * with 16 bytes in resblock, or 1 on a read error, with resblock untouched. An error counts only
- * when a read delivers nothing; after a short read the next one is tried. The stream is neither
- * rewound nor closed. Uses 4.5 KiB of the caller's stack. */
+/** The digest of all that can still be read from stream, from its position to its end. An error
+ * counts only when a read delivers nothing; after a short read the next one is tried. The stream
+ * is neither rewound nor closed. Uses 4.5 KiB of the caller's stack.
+ * @return 0 with 16 bytes in resblock, or 1 on a read error, with resblock untouched */
 int md5_stream(FILE *stream, void *resblock);
 
 #pragma GCC visibility pop

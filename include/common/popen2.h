@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * popen2: a shell command at the other end of a pipe, that can be ended at once.
  *
  *     #include <common/popen2.h>
@@ -54,18 +55,20 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Runs /bin/sh -c program with a pipe to it. type is exactly "r": the stream reads the command's
+/** Runs /bin/sh -c program with a pipe to it. type is exactly "r": the stream reads the command's
  * standard output, or "w": the stream writes to its standard input. The strings are only read, and
- * not kept. Returns the stream, or null: a bad type, no memory for the table, no pipe, no process,
- * or no stream (the shell then runs on and finds the pipe closed). errno is set by the system call
- * that failed, if one did. A shell that cannot be started shows as end of file, or as a pipe
- * without a reader, and exits with 127. */
+ * not kept. A shell that cannot be started shows as end of file, or as a pipe without a reader,
+ * and exits with 127.
+ * @return the stream, or null: a bad type, no memory for the table, no pipe, no process, or no
+ * stream (the shell then runs on and finds the pipe closed). errno is set by the system call that
+ * failed, if one did */
 FILE *popen2(char *program, char *type);
 
-/* Closes a stream of popen2() and sends SIGTERM to the process after the shell (see above), with
- * SIGINT, SIGQUIT and SIGHUP held back in the calling thread meanwhile. Returns 0 when the signal
- * was sent, and -1 when it was not (no such process, or this one, both ESRCH: the stream is closed
- * all the same), or when iop is null or no stream of popen2(): it is then left open. */
+/** Closes a stream of popen2() and sends SIGTERM to the process after the shell (see above), with
+ * SIGINT, SIGQUIT and SIGHUP held back in the calling thread meanwhile.
+ * @return 0 when the signal was sent, and -1 when it was not (no such process, or this one, both
+ * ESRCH: the stream is closed all the same), or when iop is null or no stream of popen2(): it is
+ * then left open */
 int pclose2(FILE *iop);
 
 #pragma GCC visibility pop

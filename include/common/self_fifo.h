@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * self_fifo: a bounded first-in first-out ring of fixed-size elements between threads.
  *
  * Elements are copied in and out by value. The capacity is fixed when the ring is made; a full ring
@@ -51,54 +52,58 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Set up by fifo_init() and then left to the functions below; a host that looks at the fields
+/** Set up by fifo_init() and then left to the functions below; a host that looks at the fields
  * itself must hold fifoRwLk. Head equals Tail in an empty ring and in a full one. */
 typedef struct _tFifo_ {
-    uint32_t Depth;            /* capacity in elements */
-    volatile uint32_t Head;    /* slot of the oldest element, the next to be read */
-    volatile uint32_t Tail;    /* slot that is written next */
-    volatile uint32_t Counter; /* elements stored, 0 to Depth */
-    uint32_t ElementBytes;     /* size of an element */
-    void *Buff;                /* the slots: Depth times ElementBytes bytes */
-    pthread_rwlock_t fifoRwLk; /* guards Head, Tail, Counter and the slots */
+    uint32_t Depth;            /**< capacity in elements */
+    volatile uint32_t Head;    /**< slot of the oldest element, the next to be read */
+    volatile uint32_t Tail;    /**< slot that is written next */
+    volatile uint32_t Counter; /**< elements stored, 0 to Depth */
+    uint32_t ElementBytes;     /**< size of an element */
+    void *Buff;                /**< the slots: Depth times ElementBytes bytes */
+    pthread_rwlock_t fifoRwLk; /**< guards Head, Tail, Counter and the slots */
 } tFifo;
 
-/* Makes an empty ring of aicDepth elements of aicElemBytes bytes over the storage at aipBuff, which
- * needs no alignment, holds aicDepth * aicElemBytes bytes (keep that below 4 GiB) and stays in
- * place as long as the ring is used. The slots are not cleared. A depth of 0 gives a ring that is
- * empty and full at once. */
+/** Makes an empty ring of aicDepth elements of aicElemBytes bytes over the storage at aipBuff,
+ * which needs no alignment, holds aicDepth * aicElemBytes bytes (keep that below 4 GiB) and stays
+ * in place as long as the ring is used. The slots are not cleared. A depth of 0 gives a ring that
+ * is empty and full at once. */
 void fifo_init(tFifo *aipcFifo, void *aipBuff, uint32_t aicElemBytes, uint32_t aicDepth);
 
-/* 1 if no element is stored, otherwise 0. With other threads at work the answer of this and of the
- * next two may be out of date on return. */
+/** Whether no element is stored. With other threads at work the answer of this and of the next two
+ * may be out of date on return.
+ * @return 1 if no element is stored, otherwise 0 */
 int fifo_is_empty(tFifo *aipcFifo);
 
-/* 1 if as many elements are stored as fit, otherwise 0. */
+/** Whether as many elements are stored as fit.
+ * @return 1 if as many elements are stored as fit, otherwise 0 */
 int fifo_is_full(tFifo *aipcFifo);
 
-/* The number of elements stored. */
+/** Counts the stored elements.
+ * @return the number of elements stored */
 uint32_t fifo_get_data_count(tFifo *aipcFifo);
 
-/* Copies the element at aipVal to the end. Returns 1, or 0 when the ring is full; nothing is
- * changed then. */
+/** Copies the element at aipVal to the end.
+ * @return 1, or 0 when the ring is full; nothing is changed then */
 int fifo_add_one(tFifo *aipcFifo, void *aipVal);
 
-/* Adds up to aicElemCntToAdd elements, which stand one after another at aipVals. Stops at the first
- * one that is refused and returns how many were added; the rest of aipVals is not read. The lock is
- * taken once an element, so elements of other threads may come in between. A count of 0 does
- * nothing at all. */
+/** Adds up to aicElemCntToAdd elements, which stand one after another at aipVals. Stops at the
+ * first one that is refused; the rest of aipVals is not read. The lock is taken once an element,
+ * so elements of other threads may come in between. A count of 0 does nothing at all.
+ * @return how many were added */
 uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd);
 
-/* Moves the oldest element to aopVal, which has room for one. Returns 1, or 0 when the ring is
- * empty; aopVal is left alone then. */
+/** Moves the oldest element to aopVal, which has room for one.
+ * @return 1, or 0 when the ring is empty; aopVal is left alone then */
 int fifo_get_one(tFifo *aipcFifo, void *aopVal);
 
-/* Moves up to aicElemCntToRead elements to aopVals, oldest first, one after another. Returns how
- * many there were; the room behind them is left alone. The lock is taken once an element, so with
- * several consumers the elements need not be neighbours. A count of 0 does nothing at all. */
+/** Moves up to aicElemCntToRead elements to aopVals, oldest first, one after another. The lock is
+ * taken once an element, so with several consumers the elements need not be neighbours. A count of
+ * 0 does nothing at all.
+ * @return how many there were; the room behind them is left alone */
 uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead);
 
-/* Drops all elements; the next one goes to slot 0. The slots are not cleared. */
+/** Drops all elements; the next one goes to slot 0. The slots are not cleared. */
 void fifo_clear(tFifo *aipcFifo);
 
 #pragma GCC visibility pop

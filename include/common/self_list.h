@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * self_list: an intrusive, circular, doubly linked list.
  *
  * A list is one list_head that serves as the head, plus the nodes built into the records that
@@ -19,19 +20,19 @@
 extern "C" {
 #endif
 
-/* A node, or the head of a list. */
+/** A node, or the head of a list. */
 typedef struct list_head {
-    struct list_head *next; /* the following node; of the last one, the head */
-    struct list_head *prev; /* the preceding node; of the first one, the head */
+    struct list_head *next; /**< the following node; of the last one, the head */
+    struct list_head *prev; /**< the preceding node; of the first one, the head */
 } list_head;
 
-/* Initialises the head `name` as an empty list. */
+/** Initialises the head `name` as an empty list. */
 #define LIST_HEAD_INIT(name)                                                                       \
     {                                                                                              \
         &(name), &(name)                                                                           \
     }
 
-/* Links newitem between the adjacent nodes prev and next. */
+/** Links newitem between the adjacent nodes prev and next. */
 static inline void __list_add(list_head *newitem, list_head *prev, list_head *next)
 {
     next->prev = newitem;
@@ -40,20 +41,20 @@ static inline void __list_add(list_head *newitem, list_head *prev, list_head *ne
     prev->next = newitem;
 }
 
-/* Appends newitem at the end of the list. */
+/** Appends newitem at the end of the list. */
 static inline void list_add_tail(list_head *newitem, list_head *head)
 {
     __list_add(newitem, head->prev, head);
 }
 
-/* Makes prev and next adjacent, which drops whatever lay between them. */
+/** Makes prev and next adjacent, which drops whatever lay between them. */
 static inline void __list_del(list_head *prev, list_head *next)
 {
     next->prev = prev;
     prev->next = next;
 }
 
-/* Takes entry out of its list and points its links at itself; harmless on such an entry. */
+/** Takes entry out of its list and points its links at itself; harmless on such an entry. */
 static inline void list_del_init(list_head *entry)
 {
     __list_del(entry->prev, entry->next);
@@ -61,13 +62,13 @@ static inline void list_del_init(list_head *entry)
     entry->prev = entry;
 }
 
-/* True (1) when the list has no nodes. */
+/** @return 1 when the list has no nodes, otherwise 0 */
 static inline int list_empty(const list_head *head)
 {
     return head->next == head;
 }
 
-/* Walks forward from the first node: pos is the current node, ahead the following one, loaded
+/** Walks forward from the first node: pos is the current node, ahead the following one, loaded
  * before the body runs, so that the body may unlink and free the current node. Both are
  * list_head pointers of the caller's. */
 #define list_for_each_safe(pos, ahead, head)                                                       \

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * self_log: the log service of a daemon.
  *
  * One line a call, with level, time of day, source file and line, on the console, in a file that
@@ -60,67 +61,67 @@ extern "C" {
 
 struct config_t; /* libconfig's parsed configuration */
 
-/* The level scale: a lower number is more important. LOG_LEV_OFF is no silence: a line of that
+/** The level scale: a lower number is more important. LOG_LEV_OFF is no silence: a line of that
  * level passes every threshold and is always printed. */
 typedef enum _eLogLevl_ KELVARA_ENUM32 {
-    LOG_LEV_OFF = 0,   /* tag "OFF" */
-    LOG_LEV_ERROR = 1, /* tag "ERR" */
-    LOG_LEV_RUN = 2,   /* tag "RUN" */
-    LOG_LEV_WARN = 3,  /* tag "WAN" */
-    LOG_LEV_TRACE = 4, /* tag "TAE": marks the entry of a function */
-    LOG_LEV_INFO = 5,  /* tag "IFO" */
-    LOG_LEV_LOUD = 6,  /* tag "LUD" */
-    LOG_LEV_MAX = 7,   /* as a threshold: everything; no level of a line */
+    LOG_LEV_OFF = 0,   /**< tag "OFF" */
+    LOG_LEV_ERROR = 1, /**< tag "ERR" */
+    LOG_LEV_RUN = 2,   /**< tag "RUN" */
+    LOG_LEV_WARN = 3,  /**< tag "WAN" */
+    LOG_LEV_TRACE = 4, /**< tag "TAE": marks the entry of a function */
+    LOG_LEV_INFO = 5,  /**< tag "IFO" */
+    LOG_LEV_LOUD = 6,  /**< tag "LUD" */
+    LOG_LEV_MAX = 7,   /**< as a threshold: everything; no level of a line */
 } eLogLevl;
 
-/* Who writes the lines. */
+/** Who writes the lines. */
 typedef enum _eLogRunMod_ KELVARA_ENUM32 {
-    LOG_RUN_MAIN_PROGRESS = 0, /* the calling thread; also any value beyond the next */
-    LOG_RUN_NEW_PTHREAD = 1,   /* a writer thread, fed through a pipe */
+    LOG_RUN_MAIN_PROGRESS = 0, /**< the calling thread; also any value beyond the next */
+    LOG_RUN_NEW_PTHREAD = 1,   /**< a writer thread, fed through a pipe */
     LOG_RUN_MAX = 2,
 } eLogRunMod;
 
-/* How log files are named. */
+/** How log files are named. */
 typedef enum _eLogFileMod_ KELVARA_ENUM32 {
-    LOG_FILE_TWO = 0,  /* PATH-00.log and PATH-01.log in turn */
-    LOG_FILE_TIME = 1, /* PATH-YYYY-MM-DD-hh-mm-ss-RRRRRR.log, a new one each time; none deleted */
+    LOG_FILE_TWO = 0,  /**< PATH-00.log and PATH-01.log in turn */
+    LOG_FILE_TIME = 1, /**< PATH-YYYY-MM-DD-hh-mm-ss-RRRRRR.log, never deleted */
     LOG_FILE_MAX = 2,
 } eLogFileMod;
 
-/* Whether an output is used. */
+/** Whether an output is used. */
 typedef enum _eLogSwitch_ KELVARA_ENUM32 {
-    LOG_SWITCH_OFF = 0, /* also any value beyond the next */
+    LOG_SWITCH_OFF = 0, /**< also any value beyond the next */
     LOG_SWITCH_ON = 1,
     LOG_SWITCH_MAX = 2,
 } eLogSwitch;
 
-/* Result codes of the log service; functions return 0 or the negated code. */
+/** Result codes of the log service; functions return 0 or the negated code. */
 typedef enum _eLogErrNum_ {
     LOG_SUCCESS = 0,
-    ERR_LOG_TMP = 1,               /* never returned */
-    ERR_LOG_PTHREAD_CREATE = 2,    /* the writer thread could not be started */
-    ERR_LOG_PIPE_CREATE = 3,       /* the pipe could not be made */
-    ERR_LOG_FOPEN = 4,             /* the first log file could not be opened */
-    ERR_LOG_LIBCFG_CFG_LOOKUP = 5, /* the configuration group is missing */
-    ERR_LOG_PARM_CONT = 0xA000,    /* no record given, or a bad fileMod */
+    ERR_LOG_TMP = 1,               /**< never returned */
+    ERR_LOG_PTHREAD_CREATE = 2,    /**< the writer thread could not be started */
+    ERR_LOG_PIPE_CREATE = 3,       /**< the pipe could not be made */
+    ERR_LOG_FOPEN = 4,             /**< the first log file could not be opened */
+    ERR_LOG_LIBCFG_CFG_LOOKUP = 5, /**< the configuration group is missing */
+    ERR_LOG_PARM_CONT = 0xA000,    /**< no record given, or a bad fileMod */
     ERR_LOG_MAX = ERR_LOG_PARM_CONT + 1,
 } eLogErrNum;
 
-/* The configuration of the log service. All zero is a sound start for load_log_cfg(). */
+/** The configuration of the log service. All zero is a sound start for load_log_cfg(). */
 typedef struct _tLogCfg_ {
-    eLogRunMod logRunMd;     /* who writes the lines */
-    eLogFileMod fileMod;     /* naming; looked at only with file output on */
-    uint32_t logSaveMaxCnt;  /* writes into a file before the next one is begun; 0 means 10000 */
-    eLogSwitch stdoutLogSwt; /* console output */
-    eLogSwitch fileLogSwt;   /* file output */
-    char saveLogPath[256];   /* base path of the files; empty means "/opt/v2x/log/v2xLog" */
+    eLogRunMod logRunMd;     /**< who writes the lines */
+    eLogFileMod fileMod;     /**< naming; looked at only with file output on */
+    uint32_t logSaveMaxCnt;  /**< writes into a file before the next one is begun; 0 means 10000 */
+    eLogSwitch stdoutLogSwt; /**< console output */
+    eLogSwitch fileLogSwt;   /**< file output */
+    char saveLogPath[256];   /**< base path of the files; empty means "/opt/v2x/log/v2xLog" */
 } tLogCfg;
 
-/* The run-time threshold, defined by the host program with the start value of its choice. Read at
+/** The run-time threshold, defined by the host program with the start value of its choice. Read at
  * every call site and written by set_global_log_level() as one atomic word. */
 extern eLogLevl gLogLevl;
 
-/* Logs a line when aicLev is at most the source file's ceiling gicDbLev (a constant: calls above
+/** Logs a line when aicLev is at most the source file's ceiling gicDbLev (a constant: calls above
  * it leave no code) and at most gLogLevl. A suppressed call costs one load and one comparison, and
  * its arguments are not evaluated. The format is a printf format and brings its own line break. At
  * LOG_LEV_TRACE the line is the calling function's name and "() start", whatever the format.
@@ -134,7 +135,7 @@ extern eLogLevl gLogLevl;
                     __VA_ARGS__);                                                                  \
     } while (0)
 
-/* Formats one line and delivers it; LOG_MSG is the usual way here. aipcFlNme: base name of the
+/** Formats one line and delivers it; LOG_MSG is the usual way here. aipcFlNme: base name of the
  * source file; aipcFuncNme: the function's name; aicLnNum: the line; then a printf format and its
  * arguments. The finished line "[TAG:hh:mm:ss.uuuuuuuu file line] text" holds at most 1022
  * characters; what goes beyond is cut, its line break included. Of a format that cannot be expanded
@@ -143,39 +144,41 @@ extern eLogLevl gLogLevl;
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
              const int aicLnNum, const char *format, ...) __attribute__((format(printf, 5, 6)));
 
-/* Delivers the zero-terminated text as it is, along the way of a log line: no header, no line
+/** Delivers the zero-terminated text as it is, along the way of a log line: no header, no line
  * break added, no threshold. level and pid are not used. With the writer thread keep a text within
  * PIPE_BUF bytes (4096), or lines of other threads may come in between. */
 void logger(int level, pid_t pid, const char *aipcMsg);
 
-/* Sets gLogLevl and says so on standard output. 0 to LOG_LEV_MAX are kept; any other value is
+/** Sets gLogLevl and says so on standard output. 0 to LOG_LEV_MAX are kept; any other value is
  * answered with a message and replaced by LOG_LEV_RUN. Takes effect at the next call of any
  * thread. */
 void set_global_log_level(const eLogLevl aicLogLevl);
 
-/* Fills aopcLogCfg from the libconfig group at path aicpcLogCfgNme: integers "logRunMd",
+/** Fills aopcLogCfg from the libconfig group at path aicpcLogCfgNme: integers "logRunMd",
  * "fileMod", "logSaveMaxCnt", "stdoutLogSwt", "fileLogSwt" and string "saveLogPath" (254
  * characters kept). A key that is missing or of another type leaves its field as it was; no value
- * is checked here. Returns 0, or -5 (ERR_LOG_LIBCFG_CFG_LOOKUP), logged, when there is no such
- * group; the record is then untouched. Keeps no reference to its arguments. */
+ * is checked here. Keeps no reference to its arguments.
+ * @return 0, or -5 (ERR_LOG_LIBCFG_CFG_LOOKUP), logged, when there is no such group; the record is
+ * then untouched */
 int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
                  const struct config_t *const aicpcCfg);
 
-/* Installs a copy of the configuration and starts what it asks for; reports each step on standard
- * output. Once a process, or again after log_system_exit(). Returns 0, or
- *   -40960 (ERR_LOG_PARM_CONT)      null record (nothing installed), or a bad fileMod
- *   -4     (ERR_LOG_FOPEN)          the first file cannot be opened
- *   -2     (ERR_LOG_PTHREAD_CREATE) no writer thread
- *   -3     (ERR_LOG_PIPE_CREATE)    no pipe, or its descriptor is too high for select()
- * After a failure what was done before it stays, until log_system_exit() releases it. So does the
- * configuration: without its writer thread or pipe no line goes anywhere, not to the console
- * either. */
+/** Installs a copy of the configuration and starts what it asks for; reports each step on standard
+ * output. Once a process, or again after log_system_exit(). After a failure what was done before
+ * it stays, until log_system_exit() releases it. So does the configuration: without its writer
+ * thread or pipe no line goes anywhere, not to the console either.
+ * @return
+ * - 0: done
+ * - -40960 (ERR_LOG_PARM_CONT): null record (nothing installed), or a bad fileMod
+ * - -4 (ERR_LOG_FOPEN): the first file cannot be opened
+ * - -2 (ERR_LOG_PTHREAD_CREATE): no writer thread
+ * - -3 (ERR_LOG_PIPE_CREATE): no pipe, or its descriptor is too high for select() */
 int log_system_init(const tLogCfg *aipcLogCfg);
 
-/* Stops the writer thread, delivers what still stands in the pipe, closes file and pipe. The
+/** Stops the writer thread, delivers what still stands in the pipe, closes file and pipe. The
  * configuration stays installed: later lines reach the console in direct mode if it was switched
- * on, and nothing with the writer thread. Always returns 0; may be called again, or without an
- * init. */
+ * on, and nothing with the writer thread.
+ * @return always 0; may be called again, or without an init */
 int log_system_exit(void);
 
 #pragma GCC visibility pop

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * sha256: SHA-256 and SHA-224 message digests (FIPS 180-4), 32 and 28 bytes.
  *
  * Over a buffer, over data that comes in pieces, or over an open stream. The smallest use:
@@ -42,47 +43,64 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* A digest in the making, of either length. Allocated by the caller, filled by an init call. */
+/** A digest in the making, of either length. Allocated by the caller, filled by an init call. */
 struct sha256_ctx {
-    uint32_t state[8];   /* the hash value, H0 to H7 */
-    uint32_t total[2];   /* bytes processed so far, low word first; those pending not included */
-    size_t buflen;       /* bytes pending, 0 to 64: a whole block may wait */
-    uint32_t buffer[32]; /* the pending bytes, and room to pad them */
+    uint32_t state[8];   /**< the hash value, H0 to H7 */
+    uint32_t total[2];   /**< bytes processed so far, low word first; those pending not included */
+    size_t buflen;       /**< bytes pending, 0 to 64: a whole block may wait */
+    uint32_t buffer[32]; /**< the pending bytes, and room to pad them */
 };
 
-/* Starts a digest: the initial hash value of FIPS 180-4, 5.3.3 or 5.3.2, no bytes taken. */
+/** Starts a SHA-256 digest: the initial hash value of FIPS 180-4, 5.3.3, no bytes taken. */
 void sha256_init_ctx(struct sha256_ctx *ctx);
+
+/** Starts a SHA-224 digest: the initial hash value of FIPS 180-4, 5.3.2, no bytes taken. */
 void sha224_init_ctx(struct sha256_ctx *ctx);
 
-/* Runs the compression function over the len / 64 blocks at buffer and counts len bytes. For
+/** Runs the compression function over the len / 64 blocks at buffer and counts len bytes. For
  * callers with whole blocks only: len must be a multiple of 64 (not checked), and no bytes may be
  * pending from sha256_process_bytes(), which would otherwise be hashed after these. */
 void sha256_process_block(const void *buffer, size_t len, struct sha256_ctx *ctx);
 
-/* Takes len bytes, any number, and keeps what does not fill a block for the next call. */
+/** Takes len bytes, any number, and keeps what does not fill a block for the next call. */
 void sha256_process_bytes(const void *buffer, size_t len, struct sha256_ctx *ctx);
 
-/* Pads the message, hashes what is pending, writes the digest to resbuf, 32 bytes or 28, and
- * returns resbuf. Use the one that matches the init call. The context is spent; an init call
- * starts the next digest in it. Messages may have up to 2^61 - 1 bytes, the standard's limit. */
+/** Pads the message, hashes what is pending and writes the 32 bytes of the digest to resbuf. For a
+ * context of sha256_init_ctx(). The context is spent; an init call starts the next digest in it.
+ * Messages may have up to 2^61 - 1 bytes, the standard's limit.
+ * @return resbuf */
 void *sha256_finish_ctx(struct sha256_ctx *ctx, void *resbuf);
+
+/** Finishes a context of sha224_init_ctx(): as sha256_finish_ctx(), with 28 bytes.
+ * @return resbuf */
 void *sha224_finish_ctx(struct sha256_ctx *ctx, void *resbuf);
 
-/* Writes the hash value as it is now, the first 8 or 7 words, each with its high byte first: 32
- * bytes or 28 to resbuf, which is returned. Does not pad and leaves the context as it is, so this
- * is the digest only after a finish. */
+/** Writes the hash value as it is now, 8 words, each with its high byte first, 32 bytes, to resbuf.
+ * Does not pad and leaves the context as it is, so this is the digest only after a finish.
+ * @return resbuf */
 void *sha256_read_ctx(const struct sha256_ctx *ctx, void *resbuf);
+
+/** Writes the first 7 words of the hash value, 28 bytes; all else as sha256_read_ctx().
+ * @return resbuf */
 void *sha224_read_ctx(const struct sha256_ctx *ctx, void *resbuf);
 
-/* The digest of len bytes at buffer in one call: 32 bytes or 28 to resblock, which is returned. */
+/** Writes the SHA-256 digest of the len bytes at buffer, 32 bytes, to resblock.
+ * @return resblock */
 void *sha256_buffer(const char *buffer, size_t len, void *resblock);
+
+/** Writes the SHA-224 digest of the len bytes at buffer, 28 bytes, to resblock.
+ * @return resblock */
 void *sha224_buffer(const char *buffer, size_t len, void *resblock);
 
-/* The digest of all that can still be read from stream, from its position to its end. Returns 0
- * with 32 bytes or 28 in resblock, or 1 on a read error, with resblock untouched. An error counts
- * only when a read delivers nothing; after a short read the next one is tried. The stream is
- * neither rewound nor closed. Uses 4.5 KiB of the caller's stack. */
+/** Writes the SHA-256 digest of all that can still be read from stream, from its position to its
+ * end, 32 bytes, to resblock. An error counts only when a read delivers nothing; after a short read
+ * the next one is tried. The stream is neither rewound nor closed. Uses 4.5 KiB of the caller's
+ * stack.
+ * @return 0, or 1 on a read error, with resblock untouched */
 int sha256_stream(FILE *stream, void *resblock);
+
+/** Writes the SHA-224 digest, 28 bytes; all else as sha256_stream().
+ * @return 0, or 1 on a read error, with resblock untouched */
 int sha224_stream(FILE *stream, void *resblock);
 
 #pragma GCC visibility pop

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/*
+/**
+ * @file
  * spinlock: mutual exclusion in one word, for critical sections of a few instructions.
  *
  * Taking a free lock is one atomic exchange and no system call. A waiter first retries at once,
@@ -39,27 +40,28 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* A lock. All zero it is free. */
+/** A lock. All zero it is free. */
 typedef struct spinlock_t {
-    int v_; /* 0 free, 1 held; leave it to the functions below */
+    int v_; /**< 0 free, 1 held; leave it to the functions below */
 } spinlock_t;
 
-/* Makes the lock free. Call it before another thread knows the lock. */
+/** Makes the lock free. Call it before another thread knows the lock. */
 void spinlock_init(spinlock_t *spin);
 
-/* Takes the lock if it is free: returns 1 when this call took it, 0 when it was held. Never
- * waits. Taking it acquires: nothing after the call is done before the lock is held. */
+/** Takes the lock if it is free. Never waits. Taking it acquires: nothing after the call is done
+ * before the lock is held.
+ * @return 1 when this call took it, 0 when it was held */
 int spinlock_try_lock(spinlock_t *spin);
 
-/* Returns holding the lock; waits as long as that takes, backing off by yield_k(). Acquires like
+/** Returns holding the lock; waits as long as that takes, backing off by yield_k(). Acquires like
  * spinlock_try_lock(). Signals do not end the wait. */
 void spinlock_lock(spinlock_t *spin);
 
-/* Makes the lock free, whoever held it; a free lock stays free. Releases: all that was done before
+/** Makes the lock free, whoever held it; a free lock stays free. Releases: all that was done before
  * the call is seen by the next holder. */
 void spinlock_unlock(spinlock_t *spin);
 
-/* The back-off of spinlock_lock() alone, for wait loops of the host's own: call it after the
+/** The back-off of spinlock_lock() alone, for wait loops of the host's own: call it after the
  * attempt number k (from 0) failed. Below 4 it returns at once, below 32 it yields the processor;
  * from then on it sleeps for 1000 ns when k is even and yields when it is odd. An interrupted
  * sleep just ends early. Keeps no state. Leaves errno to chance. */
