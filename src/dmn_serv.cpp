@@ -27,12 +27,26 @@ static tService giServ = {-1, nullptr, false};
 static event_base *gipPthdEtBse;
 static int giServTcpFd = -1;
 static event *gipTcpServEt;
+static int giAcptFd = -1; // an accepted connection, until it stands in the registry
 
 // The registry, oldest connection first. Senders may come at any time, so its lock exists as long
 // as the library does; and a steady stream of them must not keep a client or a stop waiting, so
 // writers go first.
 static list_head giContCltHd = LIST_HEAD_INIT(giContCltHd);
 static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+
+static int _registry_lock()
+{
+    const int was = service_lock();
+    (void)pthread_rwlock_wrlock(&giContCltLk); // fails on misuse only
+    return was;
+}
+
+static void _registry_unlock(int aicWas)
+{
+    (void)pthread_rwlock_unlock(&giContCltLk);
+    service_unlock(aicWas);
+}
 
 // --- clients, on the server thread ------------------------------------------------------------
 
@@ -53,11 +67,11 @@ static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
 
     // Out of the registry before the descriptor closes: no sender meets a reused one.
     tClitNetCon *pClit = static_cast<tClitNetCon *>(aipArg);
-    pthread_rwlock_wrlock(&giContCltLk);
+    const int was = _registry_lock();
     list_del_init(&pClit->hnode);
-    pthread_rwlock_unlock(&giContCltLk);
     service_free_event(&pClit->pClitEt);
     (void)close(pClit->fd);
+    _registry_unlock(was);
     free(pClit);
 }
 
@@ -81,7 +95,7 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
     tClitNetCon *pClit = static_cast<tClitNetCon *>(xzMalloc(sizeof(tClitNetCon)));
     if (pClit == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "xzMalloc() err!!!!\n");
-        (void)close(aicAcptFd);
+        service_close(&giAcptFd);
         return;
     }
     pClit->fd = aicAcptFd;
@@ -93,13 +107,14 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
     if (pClit->pClitEt == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
         free(pClit);
-        (void)close(aicAcptFd);
+        service_close(&giAcptFd);
         return;
     }
     (void)event_add(pClit->pClitEt, nullptr); // without it the client is served until the stop
-    pthread_rwlock_wrlock(&giContCltLk);
+    const int was = _registry_lock();
     list_add_tail(&pClit->hnode, &giContCltHd);
-    pthread_rwlock_unlock(&giContCltLk);
+    giAcptFd = -1;
+    _registry_unlock(was);
 }
 
 static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
@@ -110,15 +125,17 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
     }
     sockaddr_un peer;
     socklen_t peerLen = sizeof peer;
-    const int fd = accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen);
-    if (fd == -1) {
+    const int was = service_lock();
+    giAcptFd = accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen);
+    service_unlock(was);
+    if (giAcptFd == -1) {
         LOG_MSG(LOG_LEV_ERROR, "accept() err, msg=%s!!!!!!\n", strerror(errno));
         // Without a free descriptor the client stays in the queue, and the loop would be back here
         // at once. A signal may cut the pause short.
         (void)poll(nullptr, 0, gicAcceptPauseMs);
         return;
     }
-    _init_client_conn(fd, static_cast<event_base *>(aipArg));
+    _init_client_conn(giAcptFd, static_cast<event_base *>(aipArg));
 }
 
 // --- start and stop ---------------------------------------------------------------------------
@@ -128,7 +145,7 @@ static void _dmn_server_release()
 {
     service_free_event(&gipTcpServEt);
     service_close(&giServTcpFd);
-    pthread_rwlock_wrlock(&giContCltLk);
+    const int was = _registry_lock();
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
     list_for_each_safe(pNode, pAhead, &giContCltHd)
@@ -140,8 +157,30 @@ static void _dmn_server_release()
         (void)close(pClit->fd);
         free(pClit);
     }
-    pthread_rwlock_unlock(&giContCltLk);
+    _registry_unlock(was);
     service_free_base(&gipPthdEtBse);
+}
+
+// The records stay lost: they are few, and a child mostly short. Senders may have held the lock.
+static void _dmn_server_forget()
+{
+    service_forget(&giServ, &giDmnServPthdId, &gipPthdEtBse);
+    service_drop(&giServTcpFd);
+    service_drop(&giAcptFd);
+    gipTcpServEt = nullptr;
+    list_head *pNode = nullptr;
+    list_head *pAhead = nullptr;
+    list_for_each_safe(pNode, pAhead, &giContCltHd)
+    {
+        (void)close(reinterpret_cast<tClitNetCon *>(pNode)->fd); // the parent's goes on
+    }
+    giContCltHd = LIST_HEAD_INIT(giContCltHd);
+    giContCltLk = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+}
+
+__attribute__((constructor)) static void _dmn_server_meet_forks()
+{
+    (void)pthread_atfork(nullptr, nullptr, _dmn_server_forget); // fails without memory at the start
 }
 
 static void *_dmn_server_func_pth(void *aipArg)
@@ -177,8 +216,7 @@ int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgN
 
 int _dmn_server_init(event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg)
 {
-    giServTcpFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (giServTcpFd == -1) {
+    if (service_socket(&giServTcpFd) == -1) {
         LOG_MSG(LOG_LEV_ERROR, "socket() err, msg=%s!!!!!!\n", strerror(errno));
         return -ERR_SOCKET_OPEN_DMN;
     }

@@ -84,8 +84,7 @@ static void _rx_feeddog_data_cb(int aiFd, short, void *)
 
 static int _unix_socket_connect(const char *const aicpServName)
 {
-    giFeddogFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (giFeddogFd == -1) {
+    if (service_socket(&giFeddogFd) == -1) {
         LOG_MSG(LOG_LEV_ERROR, "socket() err, msg:%s!!!!\n", strerror(errno));
         return -ERR_SOCKET_OPEN_DOG;
     }
@@ -105,6 +104,19 @@ static void _feddog_release()
     service_free_event(&gipRxFeddogEt);
     service_free_base(&gipFedDogEtBse);
     service_close(&giFeddogFd);
+}
+
+// The lost records are few, and a child mostly short.
+static void _feddog_forget()
+{
+    service_forget(&giServ, &giFeddogPthdId, &gipFedDogEtBse);
+    service_drop(&giFeddogFd);
+    gipTxFeddogHtEt = gipRxFeddogEt = nullptr;
+}
+
+__attribute__((constructor)) static void _feddog_meet_forks()
+{
+    (void)pthread_atfork(nullptr, nullptr, _feddog_forget); // fails without memory at the start
 }
 
 static void *_feddog_func_pth(void *aipArg)

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +47,12 @@ static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once 
 // once that is 0, nobody uses what is closed.
 static int giLogUsers;
 static bool gibLogFileOpn; // the file may be used; the pipe, while its write end is no -1
+
+// The C library's locks in localtime_r() and random() stay locked for ever in a child that is
+// forked while they are. So a fork waits for this one first.
+static pthread_mutex_t giLibcLk = PTHREAD_MUTEX_INITIALIZER;
+
+static pid_t giLogParent; // in a forked child: whose file and pipe these are
 
 // Words another thread may access meanwhile.
 template <typename tWord> static tWord _peek(const tWord *aipcWord)
@@ -135,11 +142,13 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
         return false;
     const time_t now = time(nullptr);
     tm local = {};
+    (void)pthread_mutex_lock(&giLibcLk);
     (void)localtime_r(&now, &local); // fails for years beyond an int; zeros will do
+    const int chance = static_cast<int>(random() % 100000);
+    (void)pthread_mutex_unlock(&giLibcLk);
     return snprintf(aoNme, gicNmeBytes - 1, "%s-%04d-%02d-%02d-%02d-%02d-%02d-%06d.log",
                     giLogCfg.saveLogPath, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                    local.tm_hour, local.tm_min, local.tm_sec,
-                    static_cast<int>(random() % 100000)) >= 0;
+                    local.tm_hour, local.tm_min, local.tm_sec, chance) >= 0;
 }
 
 // If a standard descriptor was closed, ours may have its number and would receive console output:
@@ -184,10 +193,12 @@ static bool _open_log_file(const char *aicpcNme)
     return true;
 }
 
-// With giSvLogLk held: goes on to the next file when the open one has had its writes.
+// With giSvLogLk held: goes on to the next file when the open one has had its writes. A child would
+// empty a file that its parent writes to: it leaves that to the parent while that lives.
 static void _log_file_rotate()
 {
-    if (gipLogFp == nullptr || static_cast<uint32_t>(giLogWriteCnt) < giLogCfg.logSaveMaxCnt)
+    if (gipLogFp == nullptr || static_cast<uint32_t>(giLogWriteCnt) < giLogCfg.logSaveMaxCnt ||
+        (giLogParent != 0 && getppid() == giLogParent))
         return;
     printf("logSaveMaxCnt=%d\n", static_cast<int>(giLogCfg.logSaveMaxCnt));
     puts("rotate start");
@@ -222,24 +233,37 @@ static void _process_log_msg(const char *aipcMsg)
     _count_users(-1);
 }
 
+// Into the pipe of a parent, whose reader may have gone: that is to raise no signal.
+static void _write_parents_pipe(int aicFd, const char *aipcMsg)
+{
+    sigset_t sigPipe;
+    sigset_t before;
+    (void)sigemptyset(&sigPipe); // these fail on bad arguments only
+    (void)sigaddset(&sigPipe, SIGPIPE);
+    (void)pthread_sigmask(SIG_BLOCK, &sigPipe, &before);
+    const timespec now = {};
+    if (write(aicFd, aipcMsg, strlen(aipcMsg)) == -1 && errno == EPIPE)
+        (void)sigtimedwait(&sigPipe, nullptr, &now); // there is none if it is ignored
+    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 static void _write_log_pipe(const char *aipcMsg)
 {
     _count_users(1);
     const int fd = _peek(&giLogPpFdAry[1]);
-    if (fd != -1)
+    if (giLogParent != 0)
+        _write_parents_pipe(fd, aipcMsg);
+    else if (fd != -1)
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
     _count_users(-1);
 }
 
 static void _deliver(const char *aipcMsg)
 {
-    // A host may cancel its own threads: none of them may take a lock or a count with it.
-    const int was = thread_defer_cancel();
     if (gipLogCfg != nullptr && giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
         _write_log_pipe(aipcMsg);
     else
         _process_log_msg(aipcMsg);
-    thread_restore_cancel(was);
 }
 
 // --- the writer thread ------------------------------------------------------------------------
@@ -378,7 +402,7 @@ static bool _wait_for_users(int aicRxFd)
 }
 
 // Delivers what the pipe took. Once no thread of ours adds to it there is an end to that, even if a
-// forked child has the other end too.
+// forked child goes on.
 static void _drain_log_pipe(int aicRxFd)
 {
     (void)_wait_for_users(aicRxFd);
@@ -408,18 +432,48 @@ static void _release_log()
     gipLogFp = nullptr;
     pthread_mutex_unlock(&giSvLogLk);
 
-    // Who stands still keeps its lock, and a pipe with two ends: better than to kill the host by
-    // SIGPIPE, or to write a line into what gets the descriptor's number next.
+    // Who stands still keeps a pipe with two ends: better than to kill the host by SIGPIPE, or to
+    // write a line into what gets the descriptor's number next. The lock is left to late lines,
+    // later forks and a second exit.
     if (!_wait_for_users(-1))
         return;
-    // Left fresh rather than destroyed, so that neither a late line nor a second exit meets a dead
-    // lock.
-    pthread_mutex_destroy(&giSvLogLk);
-    pthread_mutex_init(&giSvLogLk, nullptr);
-    if (rxFd != -1) {
+    if (rxFd != -1)
         (void)close(rxFd);
+    if (txFd != -1) // alone in a forked child
         (void)close(txFd);
-    }
+}
+
+// --- forks ------------------------------------------------------------------------------------
+//
+// A child logs on: into the file it shares with its parent, or through its parent's writer thread.
+
+static void _log_before_fork()
+{
+    (void)pthread_mutex_lock(&giSvLogLk);
+    (void)pthread_mutex_lock(&giLibcLk);
+}
+
+static void _log_after_fork()
+{
+    (void)pthread_mutex_unlock(&giLibcLk);
+    (void)pthread_mutex_unlock(&giSvLogLk);
+}
+
+static void _log_in_child()
+{
+    _log_after_fork();
+    giLogParent = getppid();
+    giLogPthdId = 0;
+    giLogUsers = 0;
+    if (giLogPpFdAry[0] != -1) // what stands in the pipe is not the child's to read
+        (void)close(giLogPpFdAry[0]);
+    giLogPpFdAry[0] = -1;
+}
+
+__attribute__((constructor)) static void _log_meet_forks()
+{
+    // Fails without memory, at the start of the program.
+    (void)pthread_atfork(_log_before_fork, _log_after_fork, _log_in_child);
 }
 
 // --- exported ---------------------------------------------------------------------------------
@@ -428,13 +482,17 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
              const int aicLnNum, const char *format, ...)
 {
     const int err = errno; // hosts log first and look at it afterwards
+    // A host may cancel its own threads: none of them may take a lock or a count with it.
+    const int was = thread_defer_cancel();
     char line[gicLnBytes] = {};
     constexpr size_t room = gicLnBytes - 1;
     timeval now = {};
     (void)gettimeofday(&now, nullptr); // fails on a bad pointer only
     const time_t sec = now.tv_sec;
     tm local = {};
+    (void)pthread_mutex_lock(&giLibcLk);
     (void)localtime_r(&sec, &local);
+    (void)pthread_mutex_unlock(&giLibcLk);
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
 
     const size_t used = _put_head(line, gicLogStrAry[tag], local, static_cast<long>(now.tv_usec),
@@ -450,12 +508,15 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
         va_end(args);
     }
     _deliver(line);
+    thread_restore_cancel(was);
     errno = err;
 }
 
 void logger(int, pid_t, const char *aipcMsg)
 {
+    const int was = thread_defer_cancel(); // as above
     _deliver(aipcMsg);
+    thread_restore_cancel(was);
 }
 
 void set_global_log_level(const eLogLevl aicLogLevl)
@@ -496,6 +557,7 @@ int log_system_init(const tLogCfg *aipcLogCfg)
     gipLogCfg = &giLogCfg;
     giLogCfg = *aipcLogCfg;
     giLogPpFdAry[0] = giLogPpFdAry[1] = -1;
+    giLogParent = 0;
 
     int ret = LOG_SUCCESS;
     if (giLogCfg.fileLogSwt == LOG_SWITCH_ON)
@@ -509,7 +571,7 @@ int log_system_init(const tLogCfg *aipcLogCfg)
     if (giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
         return _start_log_thread();
     puts("Log no create pthread");
-    return LOG_SUCCESS; // the file lock is fresh, from program start or from the last exit
+    return LOG_SUCCESS; // the file lock is usable from the program's start on
 }
 
 int log_system_exit(void)

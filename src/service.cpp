@@ -11,6 +11,24 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+static pthread_mutex_t giServFdLk = PTHREAD_MUTEX_INITIALIZER;
+
+static void _service_before_fork()
+{
+    (void)pthread_mutex_lock(&giServFdLk);
+}
+
+static void _service_after_fork()
+{
+    (void)pthread_mutex_unlock(&giServFdLk);
+}
+
+__attribute__((constructor)) static void _service_meet_forks()
+{
+    // Fails without memory at the start of the program.
+    (void)pthread_atfork(_service_before_fork, _service_after_fork, _service_after_fork);
+}
+
 static void _service_wake_cb(int, short, void *aipArg)
 {
     tService *pServ = static_cast<tService *>(aipArg);
@@ -34,15 +52,16 @@ static int _wake_above_console()
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
 {
     thread_load_unwinder();
+    const int was = service_lock();
     *aopServ = {_wake_above_console(), nullptr, false};
+    service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
     // The call may leave any value behind when it fails, so it gets a variable of its own.
     pthread_t id = 0;
     int err = pthread_create(&id, nullptr, aiEntry, aipArg);
     if (err != 0) {
-        (void)close(aopServ->WakeFd);
-        aopServ->WakeFd = -1;
+        service_close(&aopServ->WakeFd);
         return err;
     }
     *aopPthdId = id;
@@ -55,8 +74,7 @@ void service_stop(tService *aiopServ, pthread_t aiPthdId)
     while (eventfd_write(aiopServ->WakeFd, 1) == -1 && errno == EINTR)
         ; // nothing else keeps an eventfd from taking a 1
     (void)pthread_join(aiPthdId, nullptr);
-    (void)close(aiopServ->WakeFd);
-    aiopServ->WakeFd = -1;
+    service_close(&aiopServ->WakeFd);
 }
 
 bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
@@ -77,6 +95,43 @@ void service_end(const tService *aipcServ, const char *aicpcText)
     if (aipcServ->bStop)
         (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // the cancel strikes here
     pthread_exit(const_cast<char *>(aicpcText));
+}
+
+int service_lock()
+{
+    const int was = thread_defer_cancel();
+    (void)pthread_mutex_lock(&giServFdLk);
+    return was;
+}
+
+void service_unlock(int aicWas)
+{
+    (void)pthread_mutex_unlock(&giServFdLk);
+    thread_restore_cancel(aicWas);
+}
+
+void service_drop(int *aiopFd)
+{
+    if (*aiopFd == -1)
+        return;
+    (void)close(*aiopFd); // a local stream socket, or an eventfd, has nothing left to report
+    *aiopFd = -1;
+}
+
+void service_forget(tService *aiopServ, pthread_t *aiopPthdId, event_base **aiopEtBse)
+{
+    service_drop(&aiopServ->WakeFd);
+    *aiopServ = {-1, nullptr, false};
+    *aiopPthdId = 0;
+    *aiopEtBse = nullptr;
+}
+
+int service_socket(int *aopFd)
+{
+    const int was = service_lock();
+    *aopFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    service_unlock(was);
+    return *aopFd;
 }
 
 socklen_t service_address(sockaddr_un *aopAddr, const char *aicpcPath)
@@ -112,14 +167,15 @@ void service_free_base(event_base **aiopEtBse)
     if (*aiopEtBse == nullptr)
         return;
     (void)event_base_loopbreak(*aiopEtBse);
+    const int was = service_lock(); // libevent may take one here that is the whole process's
     event_base_free(*aiopEtBse);
     *aiopEtBse = nullptr;
+    service_unlock(was);
 }
 
 void service_close(int *aiopFd)
 {
-    if (*aiopFd == -1)
-        return;
-    (void)close(*aiopFd); // a local stream socket has nothing left to report
-    *aiopFd = -1;
+    const int was = service_lock();
+    service_drop(aiopFd);
+    service_unlock(was);
 }

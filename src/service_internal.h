@@ -5,6 +5,12 @@
 // off, and then wakes the loop through an eventfd of ours. The loop ends in libevent's own way, no
 // lock of it stays held, and the cancel takes effect in service_end(), where the thread holds
 // nothing. The eventfd exists before the thread does, so a stop may come at any moment.
+//
+// A child made by fork() has neither the threads nor a use for what they had. It forgets their
+// event bases, events and records: to delete an event would take it out of the epoll set that the
+// child shares with its parent. Their descriptors it closes. So that it knows them all, each is
+// got, given away and closed under the lock below, for which a fork waits. No line is logged under
+// it.
 #pragma once
 
 #include <pthread.h>
@@ -33,6 +39,19 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse);
 
 // On the thread, last: takes the pending cancel, or ends by itself with the exit text.
 [[noreturn]] void service_end(const tService *aipcServ, const char *aicpcText);
+
+// Takes the lock on descriptors, with cancellation held off; what it gives goes to
+// service_unlock().
+__attribute__((noinline)) int service_lock(); // small code matters more than a call
+__attribute__((noinline)) void service_unlock(int aicWas);
+
+// In a forked child, where nobody needs the lock: closes a descriptor; closes the wake-up and
+// forgets thread and base.
+void service_drop(int *aiopFd);
+void service_forget(tService *aiopServ, pthread_t *aiopPthdId, event_base **aiopEtBse);
+
+// Makes a local stream socket; -1 with errno on failure.
+int service_socket(int *aopFd);
 
 // Fills the address and gives its length; 0 with errno ENAMETOOLONG when the path does not fit, and
 // EINVAL when it is empty: the kernel would choose a name that nobody knows and no folder protects.

@@ -32,6 +32,8 @@ static int _enter(const char *name)
         return 0;
     int errNow = errno;
     gInside = true;
+    int was; // where the library can be struck by a cancel is its choice, not that of a rule
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
     int err = 0;
     {
         tCall call{name, 0, 0};
@@ -45,6 +47,7 @@ static int _enter(const char *name)
         }
         err = rule ? rule(call) : 0;
     }
+    pthread_setcancelstate(was, nullptr);
     gInside = false;
     errno = errNow;
     return err;
@@ -104,6 +107,7 @@ unsigned calls_count(const std::string &name)
 #define getrlimit    getrlimit64
 #define gettimeofday __gettimeofday64
 #define ioctl        __ioctl_time64
+#define localtime_r  __localtime64_r
 #define nanosleep    __nanosleep64
 #define select       __select64
 #define setrlimit    setrlimit64
@@ -180,6 +184,7 @@ WATCH(int, rand, (), ())
 WRAP(time_t, time, (time_t * a), (a), 2208988800)
 WRAP(int, gettimeofday, (timeval * a, void *b), (a, b), (a->tv_sec = 2208988800, 0))
 WATCH(int, sched_yield, (), ())
+WATCH(tm *, localtime_r, (const time_t *a, tm *b), (a, b))
 WRAP(int, nanosleep, (const timespec *a, timespec *b), (a, b), -1)
 WRAP(int, pthread_create, (pthread_t * a, const pthread_attr_t *b, tStart c, void *d), (a, b, c, d),
      err)

@@ -3,6 +3,7 @@
 //
 // Failures: a normal run is counted, and then repeated with each of its calls failing once.
 // Stops: the host's exit call strikes while the service's thread stands at each of its calls.
+// Forks: a child is forked while any thread stands at each of the calls.
 // After every single one nothing is left behind, and a normal run works.
 #include <common/dmn_serv.h>
 #include <common/popen2.h>
@@ -26,12 +27,13 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 static tTempDir gDir;
 static std::atomic<bool> gStruck{false}; // the scenario shall go straight to its exit call
 static long gExitMs;                     // how long that took
+static int gAwaitMs = 300;
 
 // Waits for something of the service's, unless the stop strikes or a failure has made it vain.
 static bool await(const std::function<bool()> &done)
 {
     bool met = false;
-    calls_uncounted([&] { met = wait_until([&] { return gStruck || done(); }, 300); });
+    calls_uncounted([&] { met = wait_until([&] { return gStruck || done(); }, gAwaitMs); });
     return met && !gStruck;
 }
 
@@ -102,6 +104,7 @@ static bool server_life()
     }
     timed_exit(dmn_server_exit);
     calls_uncounted([&] {
+        EXPECT_EQ(std::string::npos, read_bytes(stays, 9999).find('C')) << "a child's broadcast";
         close(stays);
         close(leaves);
         unlink(cfg.dmNme);
@@ -256,13 +259,12 @@ TEST_P(Stops, ExitStrikesAtEachCallOfTheThread)
             calls_watch([&](const tCall &call) {
                 if (std::this_thread::get_id() == host) {
                     joining = joining || call.name == std::string("pthread_join");
-                } else if (++stood == k) {
+                } else if (call.name !=
+                               std::string("localtime_r") && // where it is in the exit's way
+                           ++stood == k) {
                     name = call.name;
                     gStruck = true;
-                    int was; // where the library can be struck is its choice, not that of this wait
-                    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
                     wait_until([&] { return joining.load(); }, 2000);
-                    pthread_setcancelstate(was, nullptr);
                 }
                 return 0;
             });
@@ -294,6 +296,239 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &one) {
         return std::string(std::get<0>(one.param).name) + (std::get<1>(one.param) ? "_locked" : "");
     });
+
+// In a forked child: uses what it has inherited, and then services of its own. 0 when all went
+// well.
+static int child_life()
+{
+    calls_stop();
+    alarm(30); // a child that hangs ends by this
+    char msg[] = "C";
+    log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
+    if (dmn_serv_tx_clit_msg(msg, 1) + self_feddog_exit() + dmn_server_exit() + log_system_exit())
+        return 1;
+#ifdef __SANITIZE_THREAD__
+    return 0; // it cannot follow new threads in a child of several
+#endif
+    static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
+                             LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
+    static tDmnServCfg cfg;
+    const std::string own = gDir / "child" + std::to_string(getpid());
+    own.copy(cfg.dmNme, sizeof cfg.dmNme);
+    own.copy(logCfg.saveLogPath, sizeof logCfg.saveLogPath);
+    if (log_system_init(&logCfg) + dmn_server_init(&cfg) != 0)
+        return 2;
+    const int fd = unix_connect_soon(own);
+    if (!wait_until(
+            [&] { return dmn_serv_tx_clit_msg(msg, 1), recv(fd, msg, 1, MSG_DONTWAIT) == 1; }))
+        return 3;
+    log_msg(LOG_LEV_OFF, "child", "f", 1, "own\n");
+    dmn_server_exit();
+    log_system_exit();
+    size_t lines = 0;
+    for (const std::string end : {"", "-00.log", "-01.log"}) { // the turn is inherited
+        lines += count_of(slurp(own + end), "own\n");
+        unlink((own + end).c_str());
+    }
+    return lines == 1 ? 0 : 4;
+}
+
+// Forks on a thread of its own, and waits for the child.
+struct tFork {
+    std::atomic<bool> done{false};
+    std::atomic<pid_t> child{0};
+    int status = -1;
+    std::thread thread{[this] {
+        calls_uncounted([this] {
+            const pid_t pid = fork();
+            if (pid == 0)
+                _exit(child_life());
+            child = pid;
+            waitpid(pid, &status, 0);
+            done = true;
+        });
+    }};
+};
+
+class Forks : public testing::TestWithParam<tScenario>
+{
+};
+
+TEST_P(Forks, ChildIsForkedAtEachCall)
+{
+    const tScenario &scenario = GetParam();
+    if (scenario.run != writer_log_life) // where it is waited for in vain
+        gAwaitMs = 30000;                // as a thread may wait for a child
+    normal_run(scenario);
+    const tRest rest;
+    unsigned forks = 0, waited = 0;
+    for (unsigned k = 1, idle = 0; idle < 2; ++k) {
+        std::unique_ptr<tFork> forked;
+        std::string name;
+        bool worked = false;
+        gStruck = false;
+        const std::string said = output_of([&] {
+            calls_watch([&](const tCall &call) {
+                if (call.index == k) {
+                    name = call.name;
+                    forked = std::make_unique<tFork>();
+                    // A thread that is in the way of the fork goes on, and lets it be.
+                    if (wait_until([&] { return forked->child != 0; }, 30))
+                        wait_until([&] { return forked->done.load(); });
+                    else
+                        ++waited;
+                    EXPECT_TRUE(name != "localtime_r" || forked->child == 0)
+                        << "inside the C library";
+                }
+                return spare(call);
+            });
+            worked = scenario.run();
+            calls_stop();
+            if (forked != nullptr)
+                forked->thread.join();
+        });
+        const std::string what =
+            std::string(scenario.name) + ", forked at call " + std::to_string(k) + ", " + name;
+        if (forked != nullptr)
+            EXPECT_EQ(0, forked->status) << what;
+        EXPECT_TRUE(worked) << what << said;
+        gExitMs = 0; // it may have waited for the child
+        rest.check(what);
+        name.empty() ? ++idle : ++forks;
+        if (HasFailure())
+            return;
+    }
+    printf("%u forks, %u of them waited\n", forks, waited);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Forks,
+                         testing::Values(tScenario{"direct_log", direct_log_life},
+                                         tScenario{"writer_log", writer_log_life},
+                                         tScenario{"server", server_life},
+                                         tScenario{"dog", dog_life}),
+                         [](const auto &one) { return std::string(one.param.name); });
+
+// All services, with a watchdog and a client.
+struct tParent {
+    const std::string path;
+    int dog = unix_listen(gDir / "d"), fed = -1, client = -1;
+    char got[4096] = "";
+
+    explicit tParent(eLogRunMod mode) : path(gDir / "parent" + std::to_string(mode))
+    {
+        static tDmnServCfg serv;
+        static tFeddogCfg dogCfg = {0, 100, "forks", ""};
+        tLogCfg cfg = {mode, LOG_FILE_TIME, ~0U, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
+        path.copy(cfg.saveLogPath, sizeof cfg.saveLogPath);
+        (gDir / "s").copy(serv.dmNme, sizeof serv.dmNme);
+        (gDir / "d").copy(dogCfg.txFeddogHtDmNme, sizeof dogCfg.txFeddogHtDmNme);
+        output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
+        EXPECT_EQ(0, dmn_server_init(&serv) + self_feddog_init(&dogCfg));
+        fed = accept(dog, nullptr, nullptr);
+        client = unix_connect_soon(serv.dmNme);
+        EXPECT_TRUE(wait_until([&] { return send("P"), received() == "P"; }));
+    }
+    static void send(std::string text)
+    {
+        dmn_serv_tx_clit_msg(&text[0], static_cast<int>(text.size()));
+    }
+    std::string received()
+    {
+        const ssize_t len = recv(client, got, sizeof got, MSG_DONTWAIT);
+        return std::string(got, len > 0 ? static_cast<size_t>(len) : 0);
+    }
+    static int stop()
+    {
+        return self_feddog_exit() + dmn_server_exit() + log_system_exit();
+    }
+    // How often a text stands in the log files, which go.
+    size_t logged(const std::string &text)
+    {
+        const std::string cat = "cat " + path + "*", rm = "rm " + path + "*";
+        const std::string all = output_of([&] { (void)!system(cat.c_str()); });
+        (void)!system(rm.c_str());
+        for (const int fd : {dog, fed, client})
+            close(fd);
+        unlink((gDir / "d").c_str());
+        return count_of(all, text);
+    }
+};
+
+// While everything is busy.
+TEST(Fork, UnderLoad)
+{
+    const char *pForks = getenv("KELVARA_FORKS");
+    const unsigned forks = pForks != nullptr ? static_cast<unsigned>(atoi(pForks)) : 100;
+    for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD}) {
+        tParent parent(mode);
+        std::atomic<bool> run{true};
+        std::vector<std::thread> busy;
+        const auto log = [] { log_msg(LOG_LEV_OFF, "parent", "f", 1, "parent\n"); };
+        const std::function<void()> work[] = {log, log, [] { tParent::send("P"); },
+                                              [] { close(unix_connect(gDir / "s")); }};
+        for (const auto &one : work)
+            busy.emplace_back([&] {
+                for (unsigned i = 1; run; ++i)
+                    i % 8 != 0 ? one()
+                               : std::this_thread::sleep_for(std::chrono::microseconds(200));
+            });
+        for (unsigned i = 0; i < forks; ++i) {
+            const pid_t pid = fork();
+            if (pid == 0) {
+                alarm(60);
+                log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
+                tParent::send("C");
+                _exit(tParent::stop());
+            }
+            int status = -1;
+            EXPECT_EQ(pid, waitpid(pid, &status, 0));
+            EXPECT_EQ(std::string::npos, parent.received().find('C'));
+            ASSERT_EQ(0, status) << i;
+        }
+        run = false;
+        for (auto &one : busy)
+            one.join();
+        output_of([] { EXPECT_EQ(0, tParent::stop()); });
+        EXPECT_EQ(forks, parent.logged("] child\n"));
+    }
+}
+
+// A parent's peers see its end although a child lives on; the child outlives the log pipe's reader.
+TEST(Fork, ChildHoldsNothingOfItsParent)
+{
+    for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD}) {
+        tParent parent(mode);
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+        const pid_t pid = fork();
+        if (pid == 0) {
+            alarm(60);
+            signal(SIGPIPE, SIG_DFL);
+            close(ends[1]);
+            log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
+            (void)!write(ends[0], "", 1);
+            (void)!read(ends[0], ends, 1);
+            log_msg(LOG_LEV_OFF, "child", "f", 1, "late\n");
+            _exit(tParent::stop());
+        }
+        close(ends[0]);
+        EXPECT_EQ(1U, read_bytes(ends[1], 1).size());
+        output_of([] { EXPECT_EQ(0, tParent::stop()); });
+        for (const int fd : {parent.fed, parent.client}) {
+            timeval wait = {5, 0};
+            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+            ssize_t len = 1;
+            while (len > 0)
+                len = recv(fd, parent.got, sizeof parent.got, 0);
+            EXPECT_EQ(0, len) << (fd == parent.fed ? "watchdog" : "client");
+        }
+        close(ends[1]);
+        int status = -1;
+        EXPECT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(mode == LOG_RUN_MAIN_PROGRESS ? 2U : 1U, parent.logged("child 0001]"));
+    }
+}
 
 // What fails while a service is set up shows in the log only, exactly so; it is given back, the
 // thread reaped once, and the next start works.

@@ -33,8 +33,13 @@
  * A client that is killed shows like one that closes: as "Remote close------" when it had read
  * everything, and as a read error otherwise.
  *
- * A child made by fork() has no server: it must not call dmn_server_exit(), which would wake its
- * parent's. Keep descriptors 0 to 2 open, so that no client gets the console's number.
+ * A child made by fork() has no server, no clients, and none of their sockets; its parent keeps
+ * them all. It may call every function: a broadcast reaches nobody, dmn_server_exit() finds nothing
+ * to stop, and dmn_server_init() starts a server of its own, at a path of its own, or it would
+ * replace its parent's. What it inherits of event loops is forgotten: a little memory, and
+ * libevent's own descriptors, which are close-on-exec. A host's base with our events on it is not
+ * to be used there, nor reinitialised. Do not fork in a signal handler. Keep descriptors 0 to 2
+ * open, so that no client gets the console's number.
  *
  * The whole process ignores SIGPIPE from the first start of the server on. Do not set it back: a
  * broadcast to a client that has just left would end the process. The socket file stays behind at

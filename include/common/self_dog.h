@@ -24,8 +24,9 @@
  * never raise SIGPIPE: the signal is blocked, and stays so, for the thread that runs
  * _feed_dog_init(), normally the client's own.
  *
- * A child made by fork() has no client: it must not call self_feddog_exit(), which would wake its
- * parent's.
+ * A child made by fork() has no client, and its parent keeps its own. It may call every function:
+ * self_feddog_exit() finds nothing to stop, self_feddog_init() connects anew. What else holds there
+ * stands in common/dmn_serv.h.
  *
  * The library leaves linking libevent to the host (event_core is enough).
  */

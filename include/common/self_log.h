@@ -39,9 +39,17 @@
  * restarted within the second empties the file it left. On 32 bits too a file may grow beyond 2 GiB
  * and the year beyond 2038, whatever the host is compiled with.
  *
- * errno is left as it was by log_msg() and LOG_MSG. A child made by fork() must not log with the
- * writer thread, which it does not have, nor call log_system_exit(); start the service after
- * becoming a daemon. The console's descriptors 0 to 2 stay the host's, open or not.
+ * A child made by fork() may log, whatever other threads did at that moment. In direct mode it
+ * writes into the file that it shares with its parent, and leaves rotation to the parent while that
+ * lives. With the writer thread its lines go to its parent's, and are lost once that has stopped.
+ * log_system_exit() lets go of both without harm to the parent; after it log_system_init() starts a
+ * service of the child's own, for which it needs a path of its own. fork() waits for a write into
+ * the file that is in progress, and is not for signal handlers. Two traps of the C library stay:
+ * what stdout still holds, parent and child will both print (fflush() it before), and a thread of
+ * the host's that is in localtime_r() or its like at a fork stops the child at its first line.
+ *
+ * errno is left as it was by log_msg() and LOG_MSG. The console's descriptors 0 to 2 stay the
+ * host's, open or not.
  */
 #ifndef KELVARA_COMMON_SELF_LOG_H
 #define KELVARA_COMMON_SELF_LOG_H
