@@ -20,22 +20,29 @@ static const uint8_t *Iv;  // the chaining value, in the caller's memory
 // Multiplies each of four bytes by x: the bit that leaves at the top comes back as 0x1b.
 static constexpr uint32_t xtime(uint32_t x)
 {
-    const uint32_t top = x & 0x80808080;
-    return (x ^ top) << 1 ^ ((top - (top >> 7)) & 0x1b1b1b1b);
+    const uint32_t top = x & 0x80808080, rest = bytes_as_is(x & 0x7f7f7f7f);
+    return rest << 1 ^ ((top - (top >> 7)) & 0x1b1b1b1b);
 }
 
 // The same for x squared: the two top bits, as a number t, come back as t * 0x1b without carries,
 // which is t ^ t << 1 ^ t << 3 ^ t << 4.
 static constexpr uint32_t _xtime_twice(uint32_t x)
 {
-    const uint32_t t = x >> 6 & 0x03030303;
-    const uint32_t t9 = t ^ t << 3;
-    return (x & 0x3f3f3f3f) << 2 ^ t9 ^ t9 << 1;
+    const uint32_t top = bytes_as_is(x & 0xc0c0c0c0), rest = bytes_as_is(x & 0x3f3f3f3f);
+    const uint32_t t9 = bytes_as_is(top ^ top >> 3);
+    return rest << 2 ^ t9 >> 3 ^ t9 >> 2;
 }
 static_assert(_xtime_twice(0x40c080ff) == xtime(xtime(0x40c080ff)));
 
+struct tTable {
+    uint8_t of[256];
+};
+struct tConstants {
+    uint8_t of[255];
+};
 struct tTables {
-    uint8_t sbox[256], rsbox[256], Rcon[255];
+    tTable sbox, rsbox;
+    tConstants Rcon;
 };
 
 static constexpr tTables _make_tables()
@@ -50,18 +57,21 @@ static constexpr tTables _make_tables()
         const uint32_t inverse = i == 0 ? 0 : power[(255 - log[i]) % 255];
         const uint32_t twice = inverse * 0x101; // shifted down by n: rotated to the left by 8 - n
         const uint32_t image = (twice ^ twice >> 4 ^ twice >> 5 ^ twice >> 6 ^ twice >> 7) & 0xff;
-        tables.sbox[i] = static_cast<uint8_t>(image ^ 0x63);
-        tables.rsbox[image ^ 0x63] = static_cast<uint8_t>(i);
+        tables.sbox.of[i] = static_cast<uint8_t>(image ^ 0x63);
+        tables.rsbox.of[image ^ 0x63] = static_cast<uint8_t>(i);
     }
     for (uint32_t i = 0, value = 0x8d; i < 255; i++, value = xtime(value))
-        tables.Rcon[i] = static_cast<uint8_t>(value);
+        tables.Rcon.of[i] = static_cast<uint8_t>(value);
     return tables;
 }
 
-static constexpr tTables gicTables = _make_tables();
-static constexpr const uint8_t (&sbox)[256] = gicTables.sbox;
-static constexpr const uint8_t (&rsbox)[256] = gicTables.rsbox;
-static constexpr const uint8_t (&Rcon)[255] = gicTables.Rcon; // from 1: the constant of that round
+// The boxes have sections of their own: else the compiler reaches both from one address, and adds
+// the distance at every look-up.
+[[gnu::section(".rodata.sbox")]] static constexpr tTable gicSbox = _make_tables().sbox;
+[[gnu::section(".rodata.rsbox")]] static constexpr tTable gicRsbox = _make_tables().rsbox;
+static constexpr tConstants gicRcon = _make_tables().Rcon;
+static constexpr const uint8_t (&sbox)[256] = gicSbox.of, (&rsbox)[256] = gicRsbox.of;
+static constexpr const uint8_t (&Rcon)[255] = gicRcon.of; // from 1: the constant of that round
 static_assert(sbox[0x00] == 0x63 && sbox[0x53] == 0xed && sbox[0xff] == 0x16);
 static_assert(rsbox[0x00] == 0x52 && rsbox[0xed] == 0x53 && rsbox[0xff] == 0x7d);
 static_assert(Rcon[0] == 0x8d && Rcon[1] == 0x01 && Rcon[9] == 0x1b && Rcon[10] == 0x36);
@@ -142,10 +152,9 @@ static inline void MixColumns(tColumns &s)
 {
 #pragma GCC unroll 4
     for (size_t c = 0; c < 4; c++) {
-        const uint32_t next = bytes_rotr32(s[c], 8);
-        const uint32_t sum = s[c] ^ next;
+        const uint32_t sum = s[c] ^ bytes_rotr32(s[c], 8);
         // Row r: 2 s(r) + 3 s(r+1) + s(r+2) + s(r+3).
-        s[c] = xtime(sum) ^ next ^ bytes_rotr32(sum, 16);
+        s[c] = xtime(sum) ^ bytes_rotr32(s[c] ^ bytes_rotr32(sum, 8), 8);
     }
 }
 

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 
-static constexpr char b_base64_set[] =
+// Both tables have sections of their own: else the compiler reaches them from one address, and adds
+// the distance at every look-up.
+[[gnu::section(".rodata.set")]] static constexpr char b_base64_set[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 static_assert(sizeof b_base64_set == 64 + 1);
 
@@ -22,7 +24,7 @@ static constexpr tValues _make_values()
     return values;
 }
 
-static constexpr tValues gicValues = _make_values();
+[[gnu::section(".rodata.values")]] static constexpr tValues gicValues = _make_values();
 
 static constexpr int bbase64_decode_unit(char ch)
 {
@@ -36,7 +38,7 @@ static_assert(bbase64_decode_unit('A') == 0 && bbase64_decode_unit('z') == 51 &&
 static inline void _encode_group(const unsigned char *aipcBytes, char *aopText)
 {
     const unsigned int b0 = aipcBytes[0], b1 = aipcBytes[1], b2 = aipcBytes[2];
-    const unsigned int acc = b0 << 16 | b1 << 8 | b2;
+    const unsigned int acc = (b0 << 8 | b1) << 8 | b2;
     aopText[0] = b_base64_set[acc >> 18];
     aopText[1] = b_base64_set[acc >> 12 & 63];
     aopText[2] = b_base64_set[acc >> 6 & 63];
@@ -49,9 +51,9 @@ static inline bool _decode_group(const char *aipcText, unsigned char *aopBytes)
     uint32_t acc = 0;
     // The -1 of a character outside the set reaches the top bit from any place.
 #pragma GCC unroll 4
-    for (unsigned i = 0; i < 4; i++)
-        acc |= static_cast<uint32_t>(gicValues.of[static_cast<unsigned char>(aipcText[i])])
-               << (18 - 6 * i);
+    for (size_t i = 0; i < 4; i++)
+        acc =
+            acc << 6 | static_cast<uint32_t>(gicValues.of[static_cast<unsigned char>(aipcText[i])]);
     if (acc >> 31)
         return false;
     aopBytes[0] = static_cast<unsigned char>(acc >> 16);

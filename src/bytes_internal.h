@@ -37,3 +37,16 @@ constexpr uint32_t bytes_rotr32(uint32_t aiWord, unsigned aiBits)
 {
     return aiWord >> aiBits | aiWord << (32 - aiBits);
 }
+
+static inline uint32_t _unseen(uint32_t aiWord)
+{
+    asm("" : "+r"(aiWord));
+    return aiWord;
+}
+
+// The word as it is. Compilers do not look through this, and so do not regroup a sum to one that
+// takes an instruction more.
+constexpr uint32_t bytes_as_is(uint32_t aiWord)
+{
+    return __builtin_is_constant_evaluated() ? aiWord : _unseen(aiWord);
+}

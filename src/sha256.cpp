@@ -70,14 +70,6 @@ static inline tTwo _sigma1(tTwo w)
         aoWords[i] = bytes_load_be32(aipcBlock + 4 * i);
 }
 
-// The word as it is. Compilers do not look through this, and so do not regroup a sum to one that
-// takes an instruction more.
-[[gnu::always_inline]] static inline uint32_t _as_is(uint32_t aiWord)
-{
-    asm("" : "+r"(aiWord));
-    return aiWord;
-}
-
 // Round i of FIPS 180-4, 6.2.2. The roles of the eight words turn by one each round; they and the
 // constant are known at compile time.
 template <size_t i>
@@ -89,8 +81,10 @@ template <size_t i>
     uint32_t &d = aoState[(67 - i) % 8], &h = aoState[(71 - i) % 8];
 
     // ROTR 6, 11, 25 of e and ROTR 2, 13, 22 of a; the outer rotation comes free with the addition.
-    const uint32_t sum1 = bytes_rotr32(_as_is(e ^ bytes_rotr32(e, 5)) ^ bytes_rotr32(e, 19), 6);
-    const uint32_t sum0 = bytes_rotr32(_as_is(a ^ bytes_rotr32(a, 11)) ^ bytes_rotr32(a, 20), 2);
+    const uint32_t sum1 =
+        bytes_rotr32(bytes_as_is(e ^ bytes_rotr32(e, 5)) ^ bytes_rotr32(e, 19), 6);
+    const uint32_t sum0 =
+        bytes_rotr32(bytes_as_is(a ^ bytes_rotr32(a, 11)) ^ bytes_rotr32(a, 20), 2);
     const uint32_t ch = g ^ (e & (f ^ g));
     const uint32_t a_xor_b = a ^ b; // is b ^ c of the next round
     const uint32_t maj = b ^ (a_xor_b & aoBxorC);
