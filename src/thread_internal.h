@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: MIT
 // How the library's threads meet cancellation.
 //
-// A thread of ours may be cancelled by its exit call, and must never be struck inside the logger,
-// the allocator, stdio, libevent or a lock. Nor may an asynchronous cancel strike on just any
-// instruction: on ARM a stack can be unwound from a call only. So cancellation is held off from a
-// thread's first step on, and let in at the few places where a pending cancel acts inside a call
-// of ours.
+// A thread of ours is cancelled by its exit call. The cancel must never take effect inside the
+// logger, the allocator, stdio, libevent or a lock, nor on just any instruction: on ARM a stack can
+// be unwound from a call only. So cancellation is held off from a thread's first step on, and let
+// in at the few places where a pending cancel takes effect inside a call of ours.
 #pragma once
 
 #include <execinfo.h>
 #include <pthread.h>
 
 // First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
-// comes last, when a cancel can no longer strike between two calls.
+// comes last, when a cancel can no longer take effect between two calls.
 inline void thread_hold_cancel()
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only

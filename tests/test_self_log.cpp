@@ -309,34 +309,6 @@ TEST(LogDirect, ManyThreadsLoseAndTearNothingAcrossRotations)
     EXPECT_EQ(lines.end(), std::unique(lines.begin(), lines.end()));
 }
 
-TEST(LogWriter, EveryLineArrivesWholeAndInOrderBeforeExitReturns)
-{
-    const size_t tasks = threads_at_rest(), fds = open_descriptors();
-    for (int round = 0; round < 5; ++round) {
-        const std::string path = gDir / ("w" + std::to_string(round));
-        const std::string said = logged(file_cfg(path, 1000000, LOG_RUN_NEW_PTHREAD), [] {
-            in_threads(4, [](int t) {
-                for (int i = 0; i < 300; ++i)
-                    log_msg(LOG_LEV_OFF, "w", "f", t, "%d\n", i);
-            });
-        });
-        EXPECT_TRUE(std::regex_search(said, std::regex("giLogPpFdAry=\\d+ \\d+\n")));
-        EXPECT_EQ(1U, count_of(said, "Wait _rx_log_func_pth() pthread stop------\n"
-                                     "_rx_log_func_pth() pthread already stop------\n"));
-        int next[4] = {};
-        for (const auto &line : lines_of(slurp(path + "-0" + std::to_string(round % 2) + ".log"))) {
-            unsigned thread = 4;
-            int number = -1;
-            ASSERT_EQ(2, sscanf(line.c_str() + 22, " w %u] %d", &thread, &number)) << line;
-            EXPECT_EQ(next[thread % 4]++, number);
-        }
-        EXPECT_EQ(1200, next[0] + next[1] + next[2] + next[3]);
-        EXPECT_TRUE(threads_settle_at(tasks));
-        EXPECT_EQ(fds, open_descriptors());
-        EXPECT_EQ("", output_of([] { logger(0, 0, "lost\n"); }));
-    }
-}
-
 TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -346,7 +318,8 @@ TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
 }
 
 // They break the rule that no thread logs any more, and the exit ends all the same: it kills
-// nobody, loses nothing that the pipe took, and lets no line into a descriptor opened since.
+// nobody, loses nothing that the file or the pipe took, leaves the lines whole and in order, and
+// lets none into a descriptor opened since.
 TEST(Log, ThreadsThatGoOnMeetTheExit)
 {
     static std::atomic<int> pipeSignals{0};
@@ -370,7 +343,7 @@ TEST(Log, ThreadsThatGoOnMeetTheExit)
         const auto &row = table[round % 5 + round / 25 * 5];
         SCOPED_TRACE(row.what);
         const std::string path = gDir / ("go" + std::to_string(round));
-        const size_t fds = open_descriptors();
+        const size_t tasks = threads_at_rest(), fds = open_descriptors();
         std::atomic<bool> leaving{false}, stands{false}, left{false}, stop{false};
         calls_watch([&](const tCall &call) {
             if (call.name == std::string(row.slow) && leaving >= row.late) {
@@ -380,7 +353,7 @@ TEST(Log, ThreadsThatGoOnMeetTheExit)
             return 0;
         });
         const tLogCfg cfg = file_cfg(path, 1000000, row.mode);
-        output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
+        std::string said = output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
         std::thread loggers([&] {
             in_threads(4, [&](int t) {
                 for (int i = 0; !stop; ++i) {
@@ -397,8 +370,12 @@ TEST(Log, ThreadsThatGoOnMeetTheExit)
         leaving = true;
         EXPECT_TRUE(wait_until([&] { return stands || !row.late; }));
         const auto start = std::chrono::steady_clock::now();
-        output_of([] { EXPECT_EQ(0, log_system_exit()); });
+        said += output_of([] { EXPECT_EQ(0, log_system_exit()); });
         EXPECT_LT(ms_since(start), 5000);
+        const std::regex pipe("giLogPpFdAry=\\d+ \\d+\n"
+                              "Wait _rx_log_func_pth\\(\\) pthread stop------\n"
+                              "_rx_log_func_pth\\(\\) pthread already stop------\n$");
+        EXPECT_EQ(row.mode == LOG_RUN_NEW_PTHREAD, std::regex_search(said, pipe)) << said;
         left = true;
         int foreign[2] = {};
         for (int &fd : foreign)
@@ -410,7 +387,9 @@ TEST(Log, ThreadsThatGoOnMeetTheExit)
         EXPECT_EQ("", slurp(gDir / "foreign"));
         for (const int fd : foreign)
             close(fd);
+        EXPECT_TRUE(threads_settle_at(tasks));
         EXPECT_EQ(fds + (row.stuck ? 2 : 0), open_descriptors());
+        EXPECT_EQ("", output_of([] { logger(0, 0, "lost\n"); }));
         EXPECT_EQ(0, pipeSignals);
 
         int next[4] = {};
