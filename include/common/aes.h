@@ -28,6 +28,15 @@
  * the time a call takes tells something to whoever can measure it on the same processor.
  *
  * What is lost on failure: there are no failures; nothing is checked.
+ *
+ * CBC hides a message but does not protect it: a changed one is deciphered without notice, so send
+ * a keyed digest along. The length has to travel, too, as the last block is filled up with zeros.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include aes.c
+ * @verbinclude aes.out
  */
 #ifndef KELVARA_COMMON_AES_H
 #define KELVARA_COMMON_AES_H

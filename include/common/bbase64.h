@@ -19,6 +19,12 @@
  *
  * What is lost on failure: nothing is written beyond the stated room, but what was written before
  * the failure stays in the output.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include bbase64.c
+ * @verbinclude bbase64.out
  */
 #ifndef KELVARA_COMMON_BBASE64_H
 #define KELVARA_COMMON_BBASE64_H

@@ -41,6 +41,12 @@
  * so is every negative size or length.
  *
  * Except in buffer_calloc() a null buffer is allowed everywhere, and nothing is done.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include buffer.c
+ * @verbinclude buffer.out
  */
 #ifndef KELVARA_COMMON_BUFFER_H
 #define KELVARA_COMMON_BUFFER_H

@@ -48,6 +48,15 @@
  * them.
  *
  * The library leaves linking libevent to the host (event_core is enough).
+ *
+ * A client gets what is broadcast after the server has put it into its list, shortly after its
+ * connect(). Whoever may write to the socket file may connect: protect it by its folder.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include dmn_serv.c
+ * @verbinclude dmn_serv.out
  */
 #ifndef KELVARA_COMMON_DMN_SERV_H
 #define KELVARA_COMMON_DMN_SERV_H

@@ -28,6 +28,12 @@
  * 4 is hashed in place, at other addresses it is copied block by block first.
  *
  * What is lost on failure: only md5_stream() can fail; what it had read of the stream is gone.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include md5.c
+ * @verbinclude md5.out
  */
 #ifndef KELVARA_COMMON_MD5_H
 #define KELVARA_COMMON_MD5_H

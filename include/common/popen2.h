@@ -43,6 +43,14 @@
  * pipe ends of streams made earlier, the calling thread's signal mask and the host's ignored
  * signals: SIGPIPE, once the server of common/dmn_serv.h has run. A "w" command therefore sees no
  * end of file while a later command still runs.
+ *
+ * The command line goes through the shell: never put into it what came from outside.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include popen2.c
+ * @verbinclude popen2.out
  */
 #ifndef KELVARA_COMMON_POPEN2_H
 #define KELVARA_COMMON_POPEN2_H

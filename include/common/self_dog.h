@@ -29,6 +29,15 @@
  * stands in common/dmn_serv.h.
  *
  * The library leaves linking libevent to the host (event_core is enough).
+ *
+ * A heartbeat tells that the process lives and that its client thread gets time, not that the work
+ * gets on. To supervise the work itself, call _feed_dog_init() on the event loop that does it.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include self_dog.cpp
+ * @verbinclude self_dog.out
  */
 #ifndef KELVARA_COMMON_SELF_DOG_H
 #define KELVARA_COMMON_SELF_DOG_H

@@ -36,6 +36,15 @@
  * No function checks its pointers for null. In a strictly ISO compilation (-std=c11) include this
  * header first, or define _POSIX_C_SOURCE as 200112L or more, so that the C library declares
  * pthread_rwlock_t.
+ *
+ * Elements are copied under the lock, so keep them small, or pass pointers. A ring is not for use
+ * between processes.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include self_fifo.cpp
+ * @verbinclude self_fifo.out
  */
 #ifndef KELVARA_COMMON_SELF_FIFO_H
 #define KELVARA_COMMON_SELF_FIFO_H

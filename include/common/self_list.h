@@ -12,6 +12,15 @@
  *     list_add_tail(&j->node, &jobs);
  *
  * Threads: none of this locks. Who shares a list guards it. The records belong to the caller.
+ *
+ * During a walk with list_for_each_safe() the current node may be unlinked and freed, and no other
+ * one. A node is in one list at a time.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include self_list.c
+ * @verbinclude self_list.out
  */
 #ifndef KELVARA_COMMON_SELF_LIST_H
 #define KELVARA_COMMON_SELF_LIST_H

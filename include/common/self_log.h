@@ -50,6 +50,18 @@
  *
  * errno is left as it was by log_msg() and LOG_MSG. The console's descriptors 0 to 2 stay the
  * host's, open or not.
+ *
+ * Two gates stand before a line. gicDbLev is a constant of the source file: what lies above it
+ * leaves no code. gLogLevl is the threshold of the running program. So leave LOG_LEV_INFO and
+ * LOG_LEV_LOUD calls in the code, and raise the threshold when something is to be looked into.
+ * Every program that links the library defines gLogLevl, also one that never logs.
+ *
+ * The time in a line is local time, without a date; a change of the zone file is noticed at the
+ * next start. A full disk loses lines without notice, and each later line is tried again.
+ *
+ * A complete program, and what it prints:
+ * @include self_log.c
+ * @verbinclude self_log.out
  */
 #ifndef KELVARA_COMMON_SELF_LOG_H
 #define KELVARA_COMMON_SELF_LOG_H

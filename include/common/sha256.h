@@ -29,6 +29,15 @@
  *
  * What is lost on failure: only the stream functions can fail; what they had read of the stream is
  * gone.
+ *
+ * A digest is neither a signature nor a hash for passwords. A context that sha224_init_ctx() began
+ * must be finished as SHA-224.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include sha256.cpp
+ * @verbinclude sha256.out
  */
 #ifndef KELVARA_COMMON_SHA256_H
 #define KELVARA_COMMON_SHA256_H

@@ -24,6 +24,15 @@
  *
  * In a strictly ISO compilation (-std=c11) include this header first, or define _POSIX_C_SOURCE as
  * 199309L or more, so that the C library declares nanosleep().
+ *
+ * Between threads of different real-time priority a spinlock can stall the lower one for good: take
+ * a mutex with priority inheritance there.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include spinlock.cpp
+ * @verbinclude spinlock.out
  */
 #ifndef KELVARA_COMMON_SPINLOCK_H
 #define KELVARA_COMMON_SPINLOCK_H

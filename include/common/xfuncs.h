@@ -22,6 +22,12 @@
  * and from the output of a log line.
  *
  * What is lost on failure: nothing; each function says what its output holds then.
+ *
+ * Every program that links the library defines gLogLevl: see common/self_log.h.
+ *
+ * A complete program, and what it prints:
+ * @include xfuncs.c
+ * @verbinclude xfuncs.out
  */
 #ifndef KELVARA_COMMON_XFUNCS_H
 #define KELVARA_COMMON_XFUNCS_H
