@@ -230,10 +230,9 @@ int main(int argc, char **argv)
         tool_answer('?', "tap", gicUsage);
 
     tTap tap = {};
-    tap.buf = buffer_init(4096);
     const int signalFd = tool_signals(signals);
     const int fd = signalFd != -1 ? _connect(argv[optind], waitMs, signalFd) : -1;
-    if (fd == -1 || tap.buf == nullptr) {
+    if (fd == -1 || (tap.buf = buffer_init(4096)) == nullptr) {
         fprintf(stderr, "tap: %s: %s\n", argv[optind], strerror(errno));
         return EXIT_FAILURE;
     }
