@@ -20,18 +20,18 @@
 #include <common/self_log.h>
 #include <common/xfuncs.h>
 
-#include <errno.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <event2/event.h>
 #include <getopt.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <signal.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/eventfd.h>
-#include <time.h>
 #include <unistd.h>
 
 eLogLevl gLogLevl = LOG_LEV_WARN;

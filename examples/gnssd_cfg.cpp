@@ -3,11 +3,11 @@
 
 #include <common/xfuncs.h>
 
-#include <errno.h>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <libconfig.h>
-#include <limits.h>
-#include <stdio.h>
-#include <string.h>
 
 typedef enum _eKeyKind_ {
     KEY_NUMBER, // from min to max

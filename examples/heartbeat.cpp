@@ -4,8 +4,8 @@
 
 #include <common/self_log.h>
 
+#include <cstring>
 #include <event2/event.h>
-#include <string.h>
 #include <sys/socket.h>
 
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;

@@ -20,7 +20,7 @@
 
 #include <common/xfuncs.h>
 
-#include <string.h>
+#include <cstring>
 
 /* The longest sentence, from its first character to the last check digit. The standard says 80;
  * receivers' own sentences about all satellites in view need several hundred. */

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "sockfile.h"
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>

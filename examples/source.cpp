@@ -6,12 +6,12 @@
 #include <common/self_log.h>
 #include <common/xfuncs.h>
 
-#include <errno.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -60,7 +60,7 @@ static int _open_serial(const char *aicpcPath, const int aicBaudRate)
 static pid_t _read_number(FILE *aipStream)
 {
     char line[32];
-    if (fgets(line, sizeof(line), aipStream) == nullptr)
+    if (fgets(line, sizeof line, aipStream) == nullptr)
         return 0;
     return static_cast<pid_t>(strtol(line, nullptr, 10));
 }
@@ -72,9 +72,9 @@ static int _open_command(tSource *aopSrc, const char *aicpcCommand)
 {
     char program[1024];
     char mode[] = "r";
-    const int len = snprintf(program, sizeof(program),
+    const int len = snprintf(program, sizeof program,
                              "(echo $$; sh -c 'echo $PPID'\n%s\n)\nexit $?", aicpcCommand);
-    if (len < 0 || static_cast<size_t>(len) >= sizeof(program)) {
+    if (len < 0 || static_cast<size_t>(len) >= sizeof program) {
         LOG_MSG(LOG_LEV_ERROR, "the command is too long!!!!\n");
         return -1;
     }
@@ -118,7 +118,7 @@ int source_open(tSource *aopSrc, eSrcKind aicKind, const char *aicpcPath, int ai
 static eSrcResult _gather_chunk(const tSource *aipSrc, buffer_t *aipBuf)
 {
     char chunk[4096];
-    const ssize_t len = read(aipSrc->fd, chunk, sizeof(chunk));
+    const ssize_t len = read(aipSrc->fd, chunk, sizeof chunk);
     if (len > 0) {
         const int32_t used = aipBuf->used;
         _write_ex(aipBuf, chunk, static_cast<uint32>(len));

@@ -10,7 +10,7 @@
 
 #include <common/buffer.h>
 
-#include <stdio.h>
+#include <cstdio>
 #include <sys/types.h>
 
 typedef enum _eSrcKind_ {

@@ -9,18 +9,18 @@
 #include <common/buffer.h>
 #include <common/self_log.h>
 
-#include <ctype.h>
-#include <errno.h>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <getopt.h>
-#include <limits.h>
 #include <poll.h>
-#include <signal.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 eLogLevl gLogLevl = LOG_LEV_RUN;
@@ -169,7 +169,7 @@ static void _receive(tTap *aipTap, const int aicFd, const int aicSignalFd, const
             continue;
         if (wait[0].revents != 0)
             return;
-        const ssize_t len = read(aicFd, chunk, sizeof(chunk));
+        const ssize_t len = read(aicFd, chunk, sizeof chunk);
         if (len <= 0)
             return;
         aipTap->lastUs = tool_now_ns(CLOCK_MONOTONIC) / 1000U;

@@ -6,8 +6,8 @@
 #ifndef KELVARA_EXAMPLES_TOOL_H
 #define KELVARA_EXAMPLES_TOOL_H
 
-#include <stdint.h>
-#include <time.h>
+#include <cstdint>
+#include <ctime>
 
 /* Ends the program after an option that is the same everywhere: 'h' prints the usage, 'V' the
  * version, status 0; anything else is wrong: the usage on standard error, status 2. */

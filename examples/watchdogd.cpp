@@ -9,18 +9,18 @@
 #include <common/self_dog.h>
 #include <common/self_log.h>
 
-#include <errno.h>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <getopt.h>
-#include <limits.h>
 #include <poll.h>
-#include <signal.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 eLogLevl gLogLevl = LOG_LEV_RUN;
@@ -103,7 +103,7 @@ static void _take_name(tFed *aipFed, const char *aicpcName, const size_t aicLen)
 static bool _receive(const int aicFd, tFed *aipFed)
 {
     char chunk[1024];
-    const ssize_t len = read(aicFd, chunk, sizeof(chunk));
+    const ssize_t len = read(aicFd, chunk, sizeof chunk);
     if (len <= 0)
         return len == -1 && (errno == EAGAIN || errno == EINTR);
     write_bytes(aipFed->bytes, chunk, static_cast<uint32>(len));
