@@ -9,7 +9,7 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // Random batches against a string. The slots, and what is handed in or out, end at a wall.
-TEST(self_fifo, model)
+TEST(Fifo, RandomBatches)
 {
     std::mt19937 rng(3);
     char *slots = wall(), *outside = wall();
@@ -26,6 +26,8 @@ TEST(self_fifo, model)
             char *vals = outside - after.size();
             after.copy(vals, after.size());
             calls_watch();
+            SCOPED_TRACE(testing::Message() << (adds ? "fifo_add " : "fifo_get ") << count
+                                            << " with " << held << " in " << depth);
             ASSERT_EQ((adds ? fifo_add : fifo_get)(&fifo, vals, uint32_t(count)), done);
             ASSERT_EQ(calls_seen().size(), std::min(count, done + 1)) << "rounds of the lock";
             if (adds)
@@ -51,7 +53,7 @@ TEST(self_fifo, model)
 }
 
 // Just before the lock is taken another thread's call takes the last room, or the last element.
-TEST(self_fifo, test_and_update_are_one_step)
+TEST(Fifo, TestAndUpdateAreOneStep)
 {
     int slots[2] = {}, mine = 1, other = 2;
     tFifo fifo;
@@ -68,7 +70,7 @@ TEST(self_fifo, test_and_update_are_one_step)
 }
 
 // Every element arrives once, and those of one producer in its order.
-TEST(self_fifo, many_producers_and_consumers)
+TEST(Fifo, ManyProducersAndConsumers)
 {
     unsigned slots[2];
     tFifo fifo;

@@ -8,7 +8,7 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // Another holder lets go during the back-off call number `last`; every sleep is interrupted.
-TEST(spinlock, back_off)
+TEST(Spinlock, BackOff)
 {
     std::vector<std::string> want(28, "sched_yield");
     for (unsigned k = 32; k < 60; k++)
@@ -16,7 +16,9 @@ TEST(spinlock, back_off)
     spinlock_t lock{7};
     spinlock_init(&lock);
     for (unsigned last : {1u, 28u, 29u, 30u, 56u}) {
-        EXPECT_TRUE(lock.v_ == 0 && spinlock_try_lock(&lock) == 1 && lock.v_ == 1);
+        SCOPED_TRACE(last);
+        EXPECT_EQ(lock.v_, 0);
+        EXPECT_EQ(spinlock_try_lock(&lock), 1);
         calls_watch([&](const tCall &call) {
             if (call.index == last)
                 spinlock_unlock(&lock);
@@ -25,13 +27,14 @@ TEST(spinlock, back_off)
         spinlock_lock(&lock);
         calls_stop();
         EXPECT_EQ(calls_seen(), std::vector<std::string>(want.begin(), want.begin() + int(last)));
-        EXPECT_TRUE(spinlock_try_lock(&lock) == 0 && lock.v_ == 1);
+        EXPECT_EQ(spinlock_try_lock(&lock), 0);
+        EXPECT_EQ(lock.v_, 1);
         spinlock_unlock(&lock);
         spinlock_unlock(&lock);
     }
 }
 
-TEST(spinlock, one_at_a_time)
+TEST(Spinlock, OneAtATime)
 {
     spinlock_t lock{0};
     long count = 0;

@@ -10,15 +10,17 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-// clang-format off
 static const struct {
     const char *name, *family, *addr;
-} gEntries[] = {
-    {"lo", "0x0()", ""}, {"lo", "0x2(AF_INET)", ""}, {"eth0", "0x11(AF_PACKET)", ""},
-    {"eth0", "0x3()", ""}, {"eth0", "0xA(AF_INET6)", "2001:db8::1"},
-    {"eth0", "0xA(AF_INET6)", "fe80::1"}, {"eth01", "0xA(AF_INET6)", "febf:ff::2"},
-    {"site", "0xA(AF_INET6)", "fec0::1"}, {"low", "0xA(AF_INET6)", "fe7f::1"}};
-// clang-format on
+} gEntries[] = {{"lo", "0x0()", ""},
+                {"lo", "0x2(AF_INET)", ""},
+                {"eth0", "0x11(AF_PACKET)", ""},
+                {"eth0", "0x3()", ""},
+                {"eth0", "0xA(AF_INET6)", "2001:db8::1"},
+                {"eth0", "0xA(AF_INET6)", "fe80::1"},
+                {"eth01", "0xA(AF_INET6)", "febf:ff::2"},
+                {"site", "0xA(AF_INET6)", "fec0::1"},
+                {"low", "0xA(AF_INET6)", "fe7f::1"}};
 static size_t gEntryCount; // how many of them the list holds now
 static int gLists;         // lists that were had and not released
 static in6_addr gAddr;
@@ -35,7 +37,7 @@ extern "C" int getifaddrs(ifaddrs **list) noexcept
     static sockaddr_in6 addrs[std::size(gEntries)];
     *list = nullptr;
     for (size_t i = gEntryCount; i-- > 0; *list = &links[i]) {
-        addrs[i].sin6_family = static_cast<sa_family_t>(strtol(gEntries[i].family, nullptr, 0));
+        addrs[i].sin6_family = sa_family_t(strtol(gEntries[i].family, nullptr, 0));
         (void)inet_pton(AF_INET6, gEntries[i].addr, &addrs[i].sin6_addr);
         links[i].ifa_next = *list;
         links[i].ifa_name = const_cast<char *>(gEntries[i].name);
@@ -65,42 +67,46 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
     static const auto lookUp = get_linklocal_ipv6addr;
     const std::string null = "aopcAddr6 and aipcIface can't be NULL!";
     const std::string random = "malloc() err!!!!\nERR xfuncs: xzMalloc() err!!!!";
+#define HOLDS(call) #call, [] { return call; }
     const struct {
-        const char *fails; // this call
-        std::string log;
-        bool (*call)(); // and this must hold
+        const char *name;
+        bool (*holds)();
+        std::string fails, log; // the call that fails, and the line about it
     } cases[] = {
-        {"malloc", "malloc() err!!!!", [] { return !xMalloc(5); }},
-        {"calloc", "malloc() err!!!!", [] { return !xzMalloc(5); }},
-        {"calloc", "calloc() err!!!!", [] { return !xzOneCalloc(-5); }},
-        {"calloc", "calloc() err!!!!", [] { return !xCalloc(5, 7); }},
-        {"realloc", "realloc() err!!!!", [] { return !xRealloc(kept, 9) && *kept == 'k'; }},
-        {"malloc", "", [] { return !xMalloc(0); }},
-        {"calloc", "", [] { return !xzMalloc(0) && !xzOneCalloc(0); }},
-        {"calloc", "", [] { return !xCalloc(0, 5) && !xCalloc(5, 0); }},
-        {"realloc", "", [] { return !xRealloc(kept, 0); }},
-        {"calloc", random, [] { return !gen_random_string(4); }},
-        {"calloc", random, [] { return !gen_random_number_string(INT_MAX); }},
-        {"", "", [] { return !gen_random_string(-1) && !gen_random_number_string(INT_MIN); }},
-        {"getrlimit", "getrlimit() err!!!!", [] { return system_set_rlimit() == -2; }},
-        {"setrlimit", "setrlimit() err!!!!", [] { return system_set_rlimit() == -3; }},
-        {"", "", [] { return system_set_rlimit() == 0; }}, // sets both, see below
-        {"getifaddrs", "getifaddrs error!!!!", [] { return lookUp(&gAddr, "lo") == -1; }},
-        {"", null, [] { return lookUp(&gAddr, nullptr) == -1; }},
-        {"", null, [] { return lookUp(nullptr, "lo") == -1; }},
+        {HOLDS(!xMalloc(5)), "malloc", "malloc() err!!!!"},
+        {HOLDS(!xzMalloc(5)), "calloc", "malloc() err!!!!"},
+        {HOLDS(!xzOneCalloc(-5)), "calloc", "calloc() err!!!!"},
+        {HOLDS(!xCalloc(5, 7)), "calloc", "calloc() err!!!!"},
+        {HOLDS(!xRealloc(kept, 9) && *kept == 'k'), "realloc", "realloc() err!!!!"},
+        {HOLDS(!xMalloc(0)), "malloc", ""},
+        {HOLDS(!xzMalloc(0) && !xzOneCalloc(0)), "calloc", ""},
+        {HOLDS(!xCalloc(0, 5) && !xCalloc(5, 0)), "calloc", ""},
+        {HOLDS(!xRealloc(kept, 0)), "realloc", ""},
+        {HOLDS(!gen_random_string(4)), "calloc", random},
+        {HOLDS(!gen_random_number_string(INT_MAX)), "calloc", random},
+        {HOLDS(!gen_random_string(-1) && !gen_random_number_string(INT_MIN)), "", ""},
+        {HOLDS(system_set_rlimit() == -2), "getrlimit", "getrlimit() err!!!!"},
+        {HOLDS(system_set_rlimit() == -3), "setrlimit", "setrlimit() err!!!!"},
+        {HOLDS(system_set_rlimit() == 0), "", ""}, // sets both, see below
+        {HOLDS(lookUp(&gAddr, "lo") == -1), "getifaddrs", "getifaddrs error!!!!"},
+        {HOLDS(lookUp(&gAddr, nullptr) == -1), "", null},
+        {HOLDS(lookUp(nullptr, "lo") == -1), "", null},
     };
     for (const auto &c : cases)
-        for (int shown : {1, 0}) {
-            gLogLevl = shown ? LOG_LEV_ERROR : LOG_LEV_OFF;
+        for (const eLogLevl shown : {LOG_LEV_ERROR, LOG_LEV_OFF}) {
+            SCOPED_TRACE(testing::Message() << c.name << " while " << c.fails << " fails");
+            gLogLevl = shown;
             srand(7);
             calls_watch(calls_fail(c.fails, c.log.empty() ? 0 : 1, ENOMEM)); // any retry succeeds
-            const std::string said = tagged(output_of([&] { EXPECT_TRUE(c.call()) << c.log; }));
+            const std::string said = tagged(output_of([&] { EXPECT_TRUE(c.holds()); }));
             EXPECT_EQ(said, c.log.empty() || !shown ? "" : "ERR xfuncs: " + c.log + "\n");
             const int next = rand(); // nobody seeded or drew
             srand(7);
             EXPECT_EQ(rand(), next);
         }
-    EXPECT_TRUE(gLists == 0 && gLimit.rlim_cur == 40000 && gLimit.rlim_max == 40000);
+    EXPECT_EQ(gLists, 0);
+    EXPECT_EQ(gLimit.rlim_cur, 40000u);
+    EXPECT_EQ(gLimit.rlim_max, 40000u);
 }
 
 TEST(Xfuncs, AllocationsAreClearedAndKept)
@@ -113,60 +119,58 @@ TEST(Xfuncs, AllocationsAreClearedAndKept)
     }
 }
 
-TEST(Xfuncs, CheckSumEqualsByteLoopBeforeAnUnreadablePage)
+TEST(Xfuncs, CheckSumIsThatOfAByteLoop)
 {
     char *const end = wall();
     for (size_t len = 0; len <= 150; len++)
         for (size_t shift = 0; shift < 64; shift++) {
-            const std::string bytes = noise(len, static_cast<unsigned>(shift));
+            const std::string bytes = noise(len, unsigned(shift));
             char *const first = end - len - shift;
             char sum = 0;
             for (char byte : bytes)
-                sum = static_cast<char>(sum ^ byte);
+                sum = char(sum ^ byte);
             bytes.copy(first, len);
             ASSERT_EQ(xorCheckSum(first, first + len - 1), sum) << len << " " << shift;
         }
     EXPECT_EQ(xorCheckSum(end, end - 9), 0);
 }
 
-TEST(Xfuncs, BaudRatesMatchExactly)
+TEST(Xfuncs, BaudRatesAreThoseOfTheCLibrary)
 {
-    // clang-format off
-    const int rates[] = {
-        0, 50, 75, 110, 134, 150, 200, 300, 600, 1200, 1800, 2400, 4800, 9600, 19200, 38400,
-        57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000, 1500000, 2000000,
-        2500000, 3000000, 3500000, 4000000};
-    // clang-format on
-    for (size_t i = 0; i < std::size(rates);
-         i++) { // numbered in order, the second series from 4097
-        EXPECT_EQ(tty_get_baudrate(rates[i]), i < 16 ? i : 4097 + i - 16) << rates[i];
-        for (int other : {rates[i] - 1, rates[i] + 1, rates[i] + 65536, -rates[i] - 1})
-            EXPECT_EQ(tty_get_baudrate(other), 0xFFFFFFFFU) << other;
-    }
+    for (int base = 0; base <= 4000000; base += base < 5000 ? 1 : 100)
+        for (const int rate : {base - 1, base, base + 1}) {
+            termios line;
+            // It takes its own codes as well.
+            const bool code = (rate > 0 && rate < 50) || (rate > 4096 && rate < 4112);
+            const bool known = !code && cfsetspeed(&line, speed_t(rate)) == 0;
+            ASSERT_EQ(tty_get_baudrate(rate), known ? cfgetospeed(&line) : speed_t(-1)) << rate;
+        }
 }
 
 TEST(Xfuncs, LinkLocalLookUp)
 {
     const size_t all = std::size(gEntries);
-    // clang-format off
     const struct {
         const char *iface;
         size_t listed, traced;
         const char *addr;
-        bool found;
-    } cases[] = {
-        {"eth0", 0, 0, "::1", false}, {"eth0", 4, 4, "::1", false}, {"eth0", all, 6, "fe80::1", true},
-        {"eth01", all, 7, "febf:ff::2", true}, {"eth", all, all, "fe7f::1", false},
-        {"ETH0", 7, 7, "febf:ff::2", false}, {"site", 8, 8, "fec0::1", false},
-        {"low", all, all, "fe7f::1", false}};
-    // clang-format on
+        bool found = false;
+    } cases[] = {{"eth0", 0, 0, "::1"},
+                 {"eth0", 4, 4, "::1"},
+                 {"eth0", all, 6, "fe80::1", true},
+                 {"eth01", all, 7, "febf:ff::2", true},
+                 {"eth", all, all, "fe7f::1"},
+                 {"ETH0", 7, 7, "febf:ff::2"},
+                 {"site", 8, 8, "fec0::1"},
+                 {"low", all, all, "fe7f::1"}};
     for (const auto &c : cases)
-        for (const char *fails : {"", "inet_ntop"}) {
+        for (const std::string fails : {"", "inet_ntop"}) {
+            SCOPED_TRACE(testing::Message() << c.iface << " among " << c.listed << ", " << fails);
             std::string text;
             for (size_t i = 0; i < c.traced; i++)
                 text += std::string("ifa_name=") + gEntries[i].name +
                         ", family=" + gEntries[i].family + "\n";
-            if (c.found && !*fails)
+            if (c.found && fails.empty())
                 text += std::string("find out ") + c.iface +
                         "'s linklocal IPv6 address: " + c.addr + "\n";
             gEntryCount = c.listed;
@@ -181,17 +185,18 @@ TEST(Xfuncs, LinkLocalLookUp)
         }
 }
 
-TEST(Xfuncs, RandomStringsFollowTheSecond)
+// One draw a digit, two a character of the other kind, and none besides.
+TEST(Xfuncs, RandomStrings)
 {
-    for (int len : {0, 1, 1000})
-        for (bool digits : {false, true}) {
-            char *text = digits ? gen_random_number_string(len) : gen_random_string(len);
-            const int next = rand(); // shows that there were no draws but these
+    for (const int len : {0, 1000})
+        for (const bool digits : {false, true}) {
+            char *text = (digits ? gen_random_number_string : gen_random_string)(len);
+            const int next = rand();
             std::string expected;
-            srand(static_cast<unsigned>(time(nullptr)));
+            srand(unsigned(time(nullptr)));
             for (int i = 0; i < len; i++) {
                 const int flag = digits ? 2 : rand() % 3;
-                expected += static_cast<char>("Aa0"[flag] + rand() % (flag == 2 ? 10 : 26));
+                expected += char("Aa0"[flag] + rand() % (flag == 2 ? 10 : 26));
             }
             EXPECT_EQ(rand(), next);
             EXPECT_EQ(text, expected);
