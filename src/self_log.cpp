@@ -272,11 +272,14 @@ static void _deliver(const char *aipcMsg)
 // let in: the thread holds nothing here, and nothing has been taken out of the pipe.
 static int _wait_log_pipe(int aicFd)
 {
-    fd_set rxSet;
+    // Not on the stack: a cancel leaves its frames without the address sanitizer's notice.
+    static fd_set rxSet;
+    static timeval wait;
     FD_ZERO(&rxSet);
     if (aicFd >= 0)
         FD_SET(aicFd, &rxSet);
-    timeval wait = {0, 100000};
+    wait.tv_sec = 0;
+    wait.tv_usec = 100000;
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     pthread_testcancel();
     const int ready = select(aicFd + 1, &rxSet, nullptr, nullptr, &wait);
