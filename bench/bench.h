@@ -26,14 +26,17 @@ struct tDuel {
 struct tRow {
     std::string subject;
     std::string yardstick;
-    double aim;                  // ratio at most; 0: shown for comparison only
     std::function<tDuel()> make; // sets both sides up and compares what they do
-    double bytes = 0;            // an operation's bytes, to be shown in MB/s; 0: in ns
+    double bytes = 0;            // an operation's bytes; 0: not counted in bytes
     double parts = 1;            // an operation's equal parts; the time of one is shown
     bool allocates = false;      // the subject may call the allocator
     std::string family = {};     // rows of one family differ in size only
     double size = 0;
 };
+
+// On the board a nanosecond is an instruction, and a thread's own time is what counts: with one
+// processor emulated at a time, what two threads do against each other means nothing there.
+extern bool gibBoard;
 
 void add_row(tRow row);
 void add_codecs();

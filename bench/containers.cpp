@@ -3,8 +3,6 @@
 #include "bench.h"
 
 #include <array>
-#include <boost/circular_buffer.hpp>
-#include <boost/smart_ptr/detail/spinlock.hpp>
 #include <cstring>
 #include <deque>
 #include <glib.h>
@@ -38,9 +36,9 @@ struct tOurFifo {
 };
 
 // As bounded as ours, under a mutex.
-template <typename tQueue> struct tPeerFifo {
+struct tPeerFifo {
     std::mutex lock;
-    tQueue queue;
+    std::deque<tElement> queue;
     bool add(tElement &element)
     {
         const std::lock_guard<std::mutex> hold(lock);
@@ -58,10 +56,6 @@ template <typename tQueue> struct tPeerFifo {
         queue.pop_front();
         return true;
     }
-};
-
-struct tRing : boost::circular_buffer<tElement> {
-    tRing() : boost::circular_buffer<tElement>(gicDepth) {}
 };
 
 // One thread: as many in as out, the ring half full.
@@ -103,10 +97,10 @@ template <typename tQueue> static tRun between_two(std::shared_ptr<tQueue> queue
     return [=](size_t times) { team->work(&job, times); };
 }
 
-template <typename tQueue> static tDuel fifo_duel(bool two)
+static tDuel fifo_duel(bool two)
 {
     auto ours = std::make_shared<tOurFifo>();
-    auto its = std::make_shared<tPeerFifo<tQueue>>();
+    auto its = std::make_shared<tPeerFifo>();
     if (!two)
         return {alone(ours), alone(its)};
     tDuel duel = {between_two(ours), between_two(its)};
@@ -153,18 +147,6 @@ struct tPosixMutex {
     void unlock()
     {
         pthread_mutex_unlock(&lock_);
-    }
-};
-
-struct tBoostSpin {
-    boost::detail::spinlock lock_ = BOOST_DETAIL_SPINLOCK_INIT;
-    void lock()
-    {
-        lock_.lock();
-    }
-    void unlock()
-    {
-        lock_.unlock();
     }
 };
 
@@ -226,24 +208,18 @@ static tDuel buffer_duel()
 
 void add_containers()
 {
-    using tDeque = std::deque<tElement>;
-    const char *add = "FIFO add and get, one thread";
-    add_row({add, "mutex and std::deque", 1.7, [] { return fifo_duel<tDeque>(false); }});
-    add_row({add, "mutex and Boost circular buffer", 0, [] { return fifo_duel<tRing>(false); }});
-    add = "FIFO add and get, two threads";
-    add_row({add, "mutex and std::deque", 1.5, [] { return fifo_duel<tDeque>(true); }});
-    add_row({add, "mutex and Boost circular buffer", 0, [] { return fifo_duel<tRing>(true); }});
-    const char *spin = "spinlock, uncontended";
-    add_row({spin, "pthread_spin", 1.35, [] {
+    const char *deque = "mutex and std::deque";
+    add_row({"FIFO add and get, one thread", deque, [] { return fifo_duel(false); }});
+    add_row({"spinlock, uncontended", "pthread_spin", [] {
                  return tDuel{uncontended<tOurSpin>(), uncontended<tPosixSpin>()};
              }});
-    add_row({spin, "Boost spinlock", 0, [] {
-                 return tDuel{uncontended<tOurSpin>(), uncontended<tBoostSpin>()};
-             }});
-    add_row({"spinlock, two threads", "pthread_mutex", 0.8, [] {
+    add_row({"buffer, 16 × write_uint32, reused", "GByteArray", buffer_duel});
+    if (gibBoard)
+        return;
+    add_row({"FIFO add and get, two threads", deque, [] { return fifo_duel(true); }});
+    add_row({"spinlock, two threads", "pthread_mutex", [] {
                  tDuel duel = {contended<tOurSpin>(), contended<tPosixMutex>()};
                  duel.least = 20000;
                  return duel;
              }});
-    add_row({"buffer, 16 × write_uint32, reused", "GByteArray", 0.40, buffer_duel});
 }
