@@ -514,6 +514,7 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
         close(ends[0]);
         EXPECT_EQ(1U, read_bytes(ends[1], 1).size());
         output_of([] { EXPECT_EQ(0, tParent::stop()); });
+        EXPECT_EQ(-1, unix_connect(gDir / "s"));
         for (const int fd : {parent.fed, parent.client}) {
             timeval wait = {5, 0};
             setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
