@@ -450,10 +450,13 @@ static void _release_log()
 //
 // A child logs on: into the file it shares with its parent, or through its parent's writer thread.
 
+static pid_t giLogForker; // of the fork in progress, with both locks held
+
 static void _log_before_fork()
 {
     (void)pthread_mutex_lock(&giSvLogLk);
     (void)pthread_mutex_lock(&giLibcLk);
+    giLogForker = getpid(); // asked for in the child, its parent might have ended
 }
 
 static void _log_after_fork()
@@ -465,7 +468,7 @@ static void _log_after_fork()
 static void _log_in_child()
 {
     _log_after_fork();
-    giLogParent = getppid();
+    giLogParent = giLogForker;
     giLogPthdId = 0;
     giLogUsers = 0;
     if (giLogPpFdAry[0] != -1) // what stands in the pipe is not the child's to read

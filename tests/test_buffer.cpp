@@ -148,6 +148,8 @@ TEST(Buffer, Refusals)
         EXPECT_EQ(buffer_calloc(b, INT_MIN), nullptr);
         EXPECT_EQ(memcmp(b, &was, sizeof was), 0) << "changed";
     }
+    buffer_t brim{wall() - 4, 4, 4};
+    buffer_shift(&brim, 0); // has no byte left for a 0
     EXPECT_EQ(read_buffer(0, &src), -1);
     EXPECT_EQ(read_buffer(1, nullptr), -1);
     calls_stop();

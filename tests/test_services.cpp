@@ -77,6 +77,26 @@ static bool writer_log_life()
     return log_life(LOG_RUN_NEW_PTHREAD);
 }
 
+// What is opened gets the console's numbers, and has to move away from them.
+static bool closed_console_life()
+{
+    int saved[2] = {};
+    calls_uncounted([&] {
+        saved[0] = fcntl(0, F_DUPFD_CLOEXEC, 3);
+        saved[1] = fcntl(2, F_DUPFD_CLOEXEC, 3);
+        close(0);
+        close(2);
+    });
+    const bool worked = writer_log_life();
+    calls_uncounted([&] {
+        dup2(saved[0], 0);
+        dup2(saved[1], 2);
+        close(saved[0]);
+        close(saved[1]);
+    });
+    return worked;
+}
+
 static bool server_life()
 {
     static tDmnServCfg cfg;
@@ -233,6 +253,7 @@ TEST_P(Failures, EachCallFailsOnce)
 INSTANTIATE_TEST_SUITE_P(All, Failures,
                          testing::Values(tScenario{"direct_log", direct_log_life},
                                          tScenario{"writer_log", writer_log_life},
+                                         tScenario{"closed_console_log", closed_console_life},
                                          tScenario{"server", server_life},
                                          tScenario{"dog", dog_life}),
                          [](const auto &one) { return std::string(one.param.name); });
@@ -342,7 +363,7 @@ struct tFork {
         calls_uncounted([this] {
             const pid_t pid = fork();
             if (pid == 0)
-                _exit(child_life());
+                leave(child_life());
             child = pid;
             waitpid(pid, &status, 0);
             done = true;
@@ -478,7 +499,7 @@ TEST(Fork, UnderLoad)
                 alarm(60);
                 log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
                 tParent::send("C");
-                _exit(tParent::stop());
+                leave(tParent::stop());
             }
             int status = -1;
             EXPECT_EQ(pid, waitpid(pid, &status, 0));
@@ -491,6 +512,30 @@ TEST(Fork, UnderLoad)
         output_of([] { EXPECT_EQ(0, tParent::stop()); });
         EXPECT_EQ(forks, parent.logged("] child\n"));
     }
+}
+
+// A child whose parent has ended rotates by itself.
+TEST(Fork, OrphanRotates)
+{
+    tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 1, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
+    (gDir / "o").copy(cfg.saveLogPath, sizeof cfg.saveLogPath);
+    output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
+    logger(0, 0, "parent\n");
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    if (fork() == 0) {
+        const pid_t child = getpid();
+        if (fork() != 0)
+            _exit(0);
+        const bool orphan = wait_until([=] { return getppid() != child; });
+        logger(0, 0, "orphan\n");
+        (void)!write(ends[1], "", orphan);
+        leave(0);
+    }
+    EXPECT_EQ(1, read(ends[0], ends, 1));
+    EXPECT_EQ("orphan\n", slurp(gDir / "o-01.log"));
+    wait(nullptr);
+    output_of(log_system_exit);
 }
 
 // A parent's peers see its end although a child lives on; the child outlives the log pipe's reader.
@@ -509,7 +554,7 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
             (void)!write(ends[0], "", 1);
             (void)!read(ends[0], ends, 1);
             log_msg(LOG_LEV_OFF, "child", "f", 1, "late\n");
-            _exit(tParent::stop());
+            leave(tParent::stop());
         }
         close(ends[0]);
         EXPECT_EQ(1U, read_bytes(ends[1], 1).size());

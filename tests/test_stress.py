@@ -218,12 +218,10 @@ class Peers(Case):
             whole = re.findall(rb"<(\d{8})\.{%d}>" % (SIZE - 10), self.drained(one))
             lost.append(self.sent - before - sum(int(k) >= before for k in whole))
         stop = host.end()
-        print("%d good clients got all %d messages whole, also with 50 that never read, 50 of a "
-              "stopped process,\n50 that send garbage, one that reconnects and %d processes "
-              "killed: longest call %.2f ms with the good ones\nalone, %.2f ms with all; a client "
-              "that never reads lost %d to %d of %d; the stop took %.1f ms"
-              % (count, self.sent, len(killed), alone / 1e6, under / 1e6, min(lost), max(lost),
-                 self.sent - before, stop / 1e6))
+        print("%d good clients, %d messages; longest call %.2f ms with them alone, %.2f ms with the bad "
+              "ones;\na client that never reads lost %d to %d; %d processes killed; the stop took %.1f ms"
+              % (count, self.sent, alone / 1e6, under / 1e6, min(lost), max(lost), len(killed),
+                 stop / 1e6))
         self.assertGreater(len(killed), 0)
         self.assertLess(under, 10e9, "a bad client held the sender up")
         self.assertLess(stop, 5e9)
@@ -302,22 +300,6 @@ class Sinks(Case):
         self.assertEqual(self.numbers()[:20], list(range(20)))
         self.assertEqual(sorted(map(int, re.findall(rb"<(\d{8}) 0{80}>\n", text))),
                          list(range(20)) + list(range(40, 60)))
-
-    def test_tmpfs_without_room(self):
-        if subprocess.call(["mount", "-t", "tmpfs", "-o", "size=16k", "none", self.logs],
-                           stderr=subprocess.DEVNULL) != 0:
-            self.skipTest("nothing can be mounted here")
-        self.addCleanup(subprocess.call, ["umount", "-l", self.logs])
-        ballast = os.path.join(self.logs, "zz")
-        with open(ballast, "wb") as file:
-            file.write(b"z" * 8192)
-        host = self.log(mode=1, file=1)
-        host.do("l200")
-        host.do("r")  # all that was in the pipe has gone into the full disk
-        os.unlink(ballast)
-        host.do("l5")
-        host.end()
-        self.assertEqual(self.numbers()[-5:], list(range(200, 205)))
 
     def test_folder_goes_and_comes(self):
         host = self.log(file=1, writes=10)

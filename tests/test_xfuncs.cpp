@@ -111,6 +111,7 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
 
 TEST(Xfuncs, AllocationsAreClearedAndKept)
 {
+    free(xMalloc(999));
     for (void *mem : {xzMalloc(999), xzOneCalloc(999), xCalloc(333, 3), xCalloc(3, 333)}) {
         EXPECT_EQ(std::string(static_cast<char *>(mem), 999), std::string(999, '\0'));
         mem = xRealloc(strcpy(static_cast<char *>(mem), "kept"), 100000);
