@@ -67,6 +67,7 @@ template <bool abBigEndian, typename T> static T _in_order(T v)
     auto *const bytes = reinterpret_cast<uint8 *>(&out);
 #pragma GCC unroll 8
     for (size_t i = 0; i < sizeof v; i++)
+        // cppcheck-suppress objectIndex ; all sizeof v bytes of out
         bytes[i] = static_cast<uint8>(v >> 8 * (abBigEndian ? sizeof v - 1 - i : i));
     return out;
 }
