@@ -15,7 +15,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 static constexpr int gicBacklog = 40;
 static constexpr int gicAcceptPauseMs = 20;
 

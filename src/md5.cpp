@@ -7,7 +7,7 @@
 #include <utility>
 
 // The ceiling for log lines of this module, which has none so far.
-[[maybe_unused]] static const eLogLevl gicDbLev = LOG_LEV_INFO;
+[[maybe_unused]] static constexpr eLogLevl gicDbLev = LOG_LEV_INFO;
 
 struct tMd5 {
     using tCtx = md5_ctx;

@@ -4,9 +4,13 @@
 #include "thread_internal.h"
 
 #include <cerrno>
+#include <common/self_log.h>
 #include <csignal>
 #include <cstdlib>
 #include <unistd.h>
+
+// The ceiling for log lines of this module, which has none so far.
+[[maybe_unused]] static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 
 static int *pids;      // by descriptor of the stream: its shell's process ID, or 0
 static int giPidsSize; // slots in it

@@ -22,7 +22,7 @@
 
 static_assert(sizeof(time_t) == EVENT__SIZEOF_TIME_T);
 
-static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 
 // The host's: written by init and exit.
 static pthread_t giFeddogPthdId;

@@ -7,7 +7,7 @@
 #include <utility>
 
 // The ceiling for log lines of this module, which has none so far.
-[[maybe_unused]] static const eLogLevl g_fl_log_lev = LOG_LEV_ERROR;
+[[maybe_unused]] static constexpr eLogLevl g_fl_log_lev = LOG_LEV_ERROR;
 
 struct tSha256 {
     using tCtx = sha256_ctx;

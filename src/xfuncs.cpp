@@ -12,7 +12,7 @@
 #include <ifaddrs.h>
 #include <sys/resource.h>
 
-static const eLogLevl gicDbLev = LOG_LEV_ERROR;
+static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 static constexpr rlim_t gicMaxOpenFiles = 40000;
 
 struct tRate {
