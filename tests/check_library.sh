@@ -1,16 +1,13 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# check_library.sh LIBRARY MAP OBJDUMP: the library exports just what the map names, leaves open just
+# check_library.sh LIBRARY SOURCE OBJDUMP: the library exports just what its map names, leaves open just
 # what the host brings, needs nothing but the C library, shows its modules' plain names, and on ARM
 # the spinlock has its two barriers where they belong.
 set -euo pipefail
-library=$1 map=$2 objdump=$3
+library=$1 objdump=$3
+exported=$("$2/scripts/exported")
 fail=0
 
-names() { # the names between global: and local:
-  sed -e 's#/\*.*\*/##' -e '/^ *\/\*/,/\*\//d' "$map" | sed -n '/global:/,/local:/p' \
-    | grep -v -e global: -e local: | tr -d ' \n' | tr ';' '\n' | sort
-}
 differ() { # differ WHAT WANTED GOT
   if ! diff <(echo "$2") <(echo "$3"); then
     echo "$1: differs (< wanted, > got)"
@@ -18,7 +15,7 @@ differ() { # differ WHAT WANTED GOT
   fi
 }
 
-differ exports "$(names)" \
+differ exports "$(sort <<<"$exported")" \
   "$(nm -D --defined-only "$library" | awk '$2 != "A" { print $3 }' | sed 's/@.*//' | sort)"
 
 # Without a version: what neither libc nor the compiler's runtime brings.

@@ -321,7 +321,8 @@ class Gnssd(Case):
         else:
             self.ends(gnssd, 1, stop=signal.SIGTERM)
         self.assertLess(time.monotonic() - begun, 3)
-        self.ends(dog, 0, rb"gnssd +\d+  has left", stop=signal.SIGHUP)
+        self.until(rb"gnssd +\d+  has left", dog)
+        self.ends(dog, 0, stop=signal.SIGHUP)
 
 
 class Tools(Case):

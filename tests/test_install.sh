@@ -10,7 +10,7 @@ what=$1 source=$2 build=$3 cc=$4 cxx=$5 toolchain=${6:-}
 read -ra run <<<"${KELVARA_RUN:-}"
 
 tools=(pkg-config cmake "$cc" "$cxx")
-[[ $what == packages ]] && tools+=(cpack dpkg-deb dpkg-shlibdeps lintian gzip)
+[[ $what == packages ]] && tools+=(cpack dpkg-deb dpkg-shlibdeps lintian gzip man)
 for tool in "${tools[@]}"; do
   command -v "$tool" >/dev/null || { echo "skipped: no $tool"; exit 77; }
 done
@@ -169,7 +169,7 @@ elif [[ $what == prefix ]]; then
 else
   "$source/scripts/package" "$arch" "$build/package" || die "scripts/package"
   mkdir "$work/elsewhere"
-  cp -r "$source"/{CMakeLists.txt,LICENSE,cmake,docs,examples,include,packaging,scripts,src} "$work/elsewhere"
+  cp -r "$source"/{*.md,CMakeLists.txt,LICENSE,bench,cmake,docs,examples,include,packaging,scripts,src} "$work/elsewhere"
   (umask 077 && KELVARA_ARMHF_SYSROOT=${sysroot:-} "$work/elsewhere/scripts/package" "$arch") \
     || die "scripts/package elsewhere"
   for package in "$build"/package/*.{deb,spdx.json}; do
@@ -179,6 +179,8 @@ else
   for package in "$build"/package/*.deb; do
     dpkg-deb -x "$package" "$work/unpacked"
   done
+  [[ $(man -l "$work/unpacked/usr/share/man/man3/log_msg.3.gz") == *'<common/self_log.h>'* ]] \
+    || die "no manual page of log_msg()"
   lib=("$work"/unpacked/usr/lib/*/libkelvara.so.1.0.0)
   newest=$(readelf -V "${lib[0]}" "$work"/unpacked/usr/bin/* | grep -o 'GLIBC_2\.[0-9]*' | sort -V | tail -n 1)
   dpkg --compare-versions "${newest#GLIBC_}" le 2.34 || die "libc6 (>= 2.34) is not enough: $newest"
