@@ -42,11 +42,11 @@ static bool gibWlRunFlg;
 static int giLogPpFdAry[2] = {-1, -1};
 static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
 
-// How many callers use the file and its lock, or the pipe. A caller counts itself first and then
-// looks whether they may be used; the exit call forbids it first and then looks at the count. So
-// once that is 0, nobody uses what is closed.
+// How many callers use the pipe. A caller counts itself first and then looks whether there is a
+// write end; the exit call takes that away first and then looks at the count. So once that is 0,
+// nobody uses what is closed. The file needs no count: it is used and closed under its lock.
 static int giLogUsers;
-static bool gibLogFileOpn; // the file may be used; the pipe, while its write end is no -1
+static bool gibLogFileOpn; // spares lines the lock where there is no file
 
 // The C library's locks in localtime_r() and random() stay locked for ever in a child that is
 // forked while they are. So a fork waits for this one first.
@@ -54,20 +54,48 @@ static pthread_mutex_t giLibcLk = PTHREAD_MUTEX_INITIALIZER;
 
 static pid_t giLogParent; // in a forked child: whose file and pipe these are
 
-// Words another thread may access meanwhile.
+// Words another thread may access meanwhile, in no order with others.
 template <typename tWord> static tWord _peek(const tWord *aipcWord)
 {
-    return __atomic_load_n(aipcWord, __ATOMIC_SEQ_CST);
+    return __atomic_load_n(aipcWord, __ATOMIC_RELAXED);
 }
 
 template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
 {
-    __atomic_store_n(aopWord, aicValue, __ATOMIC_SEQ_CST);
+    __atomic_store_n(aopWord, aicValue, __ATOMIC_RELAXED);
 }
 
-static void _count_users(int aicMore)
+// The exit call's look at the count. It writes the count too, as it is: so a caller that comes
+// later finds what was taken away before.
+static int _pipe_users()
 {
-    (void)__atomic_add_fetch(&giLogUsers, aicMore, __ATOMIC_SEQ_CST);
+    return __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
+}
+
+// --- a line's time ----------------------------------------------------------------------------
+
+// The last second that was broken down, for the other lines of that second: the second itself in
+// the low bits (the system's clock ends in 2262), above it hour, minute and second.
+static uint64_t giLogClock = UINT64_MAX;
+static constexpr unsigned gicSecBits = 44;
+static constexpr unsigned gicPartBits = 6;
+
+// Hour, minute and second of the day, in gicPartBits each.
+static unsigned _time_of_day(time_t aicSec)
+{
+    constexpr uint64_t mask = (1ULL << gicSecBits) - 1;
+    uint64_t clock = _peek(&giLogClock);
+    if (((clock ^ static_cast<uint64_t>(aicSec)) & mask) != 0) {
+        tm local = {};
+        (void)pthread_mutex_lock(&giLibcLk);
+        (void)localtime_r(&aicSec, &local);
+        (void)pthread_mutex_unlock(&giLibcLk);
+        const int parts =
+            ((local.tm_hour << gicPartBits | local.tm_min) << gicPartBits) | local.tm_sec;
+        clock = static_cast<uint64_t>(parts) << gicSecBits | (static_cast<uint64_t>(aicSec) & mask);
+        _poke(&giLogClock, clock);
+    }
+    return static_cast<unsigned>(clock >> gicSecBits);
 }
 
 // --- a line's header --------------------------------------------------------------------------
@@ -75,7 +103,7 @@ static void _count_users(int aicMore)
 // "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", put together by hand: expanding that format costs as much
 // as the rest of the line's way into the pipe.
 
-static void _put_digits(char *aopTo, size_t aicCount, long aiValue)
+static void _put_digits(char *aopTo, size_t aicCount, unsigned long aiValue)
 {
     for (size_t i = aicCount; i-- > 0; aiValue /= 10)
         aopTo[i] = static_cast<char>('0' + aiValue % 10);
@@ -91,23 +119,25 @@ static size_t _put_text(char (&aoLine)[gicLnBytes], size_t aicUsed, const char *
     return aicUsed + take;
 }
 
-static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const tm &aicLocal,
-                        long aicUsec, const char *aipcFlNme, int aicLnNum)
+static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const timeval &aicNow,
+                        const char *aipcFlNme, int aicLnNum)
 {
     constexpr size_t field = 15;
     constexpr size_t name = sizeof "[TAG:hh:mm:ss.00uuuuuu " - 1;
     memcpy(aoLine, "[TAG:hh:mm:ss.00uuuuuu                ", name + field);
     memcpy(aoLine + 1, aipcTag, 3);
-    _put_digits(aoLine + 5, 2, aicLocal.tm_hour);
-    _put_digits(aoLine + 8, 2, aicLocal.tm_min);
-    _put_digits(aoLine + 11, 2, aicLocal.tm_sec);
-    _put_digits(aoLine + 16, 6, aicUsec);
+    const unsigned day = _time_of_day(aicNow.tv_sec);
+    constexpr unsigned part = (1U << gicPartBits) - 1;
+    _put_digits(aoLine + 5, 2, day >> 2 * gicPartBits);
+    _put_digits(aoLine + 8, 2, day >> gicPartBits & part);
+    _put_digits(aoLine + 11, 2, day & part);
+    _put_digits(aoLine + 16, 6, static_cast<unsigned long>(aicNow.tv_usec));
 
     const size_t len = strlen(aipcFlNme);
     const size_t used = _put_text(aoLine, name + (len < field ? field - len : 0), aipcFlNme, len);
     char tail[16] = " 0000] ";
     if (aicLnNum >= 0 && aicLnNum <= 9999)
-        _put_digits(tail + 1, 4, aicLnNum);
+        _put_digits(tail + 1, 4, static_cast<unsigned long>(aicLnNum));
     else
         (void)snprintf(tail, sizeof tail, " %04d] ", aicLnNum);
     return _put_text(aoLine, used, tail, strlen(tail));
@@ -227,10 +257,8 @@ static void _process_log_msg(const char *aipcMsg)
 {
     if (gipLogCfg == nullptr || giLogCfg.stdoutLogSwt == LOG_SWITCH_ON)
         printf("%s", aipcMsg);
-    _count_users(1);
     if (_peek(&gibLogFileOpn))
         _write_log_file(aipcMsg);
-    _count_users(-1);
 }
 
 // Into the pipe of a parent, whose reader may have gone: that is to raise no signal.
@@ -249,13 +277,13 @@ static void _write_parents_pipe(int aicFd, const char *aipcMsg)
 
 static void _write_log_pipe(const char *aipcMsg)
 {
-    _count_users(1);
+    (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
     const int fd = _peek(&giLogPpFdAry[1]);
     if (giLogParent != 0)
         _write_parents_pipe(fd, aipcMsg);
     else if (fd != -1)
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
-    _count_users(-1);
+    (void)__atomic_sub_fetch(&giLogUsers, 1, __ATOMIC_RELEASE);
 }
 
 static void _deliver(const char *aipcMsg)
@@ -306,7 +334,7 @@ static void *_rx_log_func_pth(void *)
     // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
     (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
-        const int fd = _peek(&giLogPpFdAry[0]);
+        const int fd = __atomic_load_n(&giLogPpFdAry[0], __ATOMIC_ACQUIRE);
         const int ready = _wait_log_pipe(fd);
         if (ready > 0) {
             (void)_rx_log_chunk(fd); // reported; the loop goes on
@@ -354,7 +382,7 @@ static int _open_log_pipe()
         return -1;
     }
     _poke(&giLogPpFdAry[1], fds[1]);
-    _poke(&giLogPpFdAry[0], fds[0]);
+    __atomic_store_n(&giLogPpFdAry[0], fds[0], __ATOMIC_RELEASE); // the pipe is there
     return 0;
 }
 
@@ -392,13 +420,13 @@ static void _stop_log_thread()
     giLogPthdId = 0;
 }
 
-// Waits until no caller uses the file or the pipe, and reads meanwhile, as some may wait for room
-// in the pipe. False when one stands still for half a second: it was interrupted, perhaps, by the
-// very signal handler that called the exit.
+// Waits until no caller uses the pipe, and reads meanwhile, as some may wait for room in it. False
+// when one stands still for half a second: it was interrupted, perhaps, by the very signal handler
+// that called the exit.
 static bool _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
-    for (int patience = 50000; _peek(&giLogUsers) != 0; patience -= rx.revents != 0 ? 1 : 100)
+    for (int patience = 50000; _pipe_users() != 0; patience -= rx.revents != 0 ? 1 : 100)
         if (patience <= 0 || (poll(&rx, 1, 1) == 1 && _rx_log_chunk(aicRxFd) <= 0))
             return false;
     return true;
@@ -494,15 +522,9 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     constexpr size_t room = gicLnBytes - 1;
     timeval now = {};
     (void)gettimeofday(&now, nullptr); // fails on a bad pointer only
-    const time_t sec = now.tv_sec;
-    tm local = {};
-    (void)pthread_mutex_lock(&giLibcLk);
-    (void)localtime_r(&sec, &local);
-    (void)pthread_mutex_unlock(&giLibcLk);
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
 
-    const size_t used = _put_head(line, gicLogStrAry[tag], local, static_cast<long>(now.tv_usec),
-                                  aipcFlNme, aicLnNum);
+    const size_t used = _put_head(line, gicLogStrAry[tag], now, aipcFlNme, aicLnNum);
 
     // What does not fit is cut; of a format that cannot be expanded there stays the beginning.
     if (aicLogLvl == LOG_LEV_TRACE)

@@ -180,9 +180,10 @@ WRAP(void *, calloc, (size_t a, size_t b), (a, b), nullptr)
 WRAP(void *, realloc, (void *a, size_t b), (a, b), nullptr)
 WATCH(void, free, (void *a), (a))
 WATCH(int, rand, (), ())
-// A clock does not fail: it shows the first second of 2040.
+// A clock does not fail: it shows the first second of 2040, the next time the next one.
 WRAP(time_t, time, (time_t * a), (a), 2208988800)
-WRAP(int, gettimeofday, (timeval * a, void *b), (a, b), (a->tv_sec = 2208988800, 0))
+WRAP(int, gettimeofday, (timeval * a, void *b), (a, b),
+     (a->tv_sec = 2208988799 + calls_count("gettimeofday"), 0))
 WATCH(int, sched_yield, (), ())
 WATCH(tm *, localtime_r, (const time_t *a, tm *b), (a, b))
 WRAP(int, nanosleep, (const timespec *a, timespec *b), (a, b), -1)

@@ -56,8 +56,9 @@
  * LOG_LEV_LOUD calls in the code, and raise the threshold when something is to be looked into.
  * Every program that links the library defines gLogLevl, also one that never logs.
  *
- * The time in a line is local time, without a date; a change of the zone file is noticed at the
- * next start. A full disk loses lines without notice, and each later line is tried again.
+ * The time in a line is local time, without a date; a tzset() of the host's is noticed in the next
+ * second, a change of the zone file at the next start. A full disk loses lines without notice, and
+ * each later line is tried again.
  *
  * A complete program, and what it prints:
  * @include self_log.c
