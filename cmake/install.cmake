@@ -31,6 +31,12 @@ configure_file(cmake/kelvara.pc.in ${PROJECT_BINARY_DIR}/kelvara.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kelvara.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
 
+# The reference, once scripts/docs has made it.
+if(EXISTS ${PROJECT_SOURCE_DIR}/build/docs/html/index.html)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/build/docs/html
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libkelvara-dev COMPONENT development)
+endif()
+
 # --- the tools for development -------------------------------------------------------------------
 
 set(kelvara_tools gnssd watchdogd tap)

@@ -721,7 +721,9 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
             logger(0, 0, "kept\n");
             return true;
         },
-        [&] { return dmn_server_exit() + log_system_exit() == 0; },
+        [&] { return dmn_server_exit() == 0; },
+        [&] { return self_feddog_exit() == 0; },
+        [&] { return log_system_exit() == 0; },
     };
     const std::string said = output_of([&] {
         EXPECT_EQ(0, log_system_init(&cfg) + dmn_server_init(&serv));
