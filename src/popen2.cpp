@@ -81,8 +81,8 @@ FILE *popen2(char *program, char *type)
     const int own = ends[bReads ? 0 : 1];
     const int theirs = ends[bReads ? 1 : 0];
 
-    // A child of vfork() shares our memory: a cancel that struck there would unwind the host's
-    // stack.
+    // A child of vfork() shares our memory: a cancel that took effect there would unwind the
+    // host's stack.
     const int was = thread_defer_cancel();
     const pid_t pid = _start_shell(program, own, theirs, bReads ? STDOUT_FILENO : STDIN_FILENO);
     FILE *pStream = pid < 0 ? nullptr : fdopen(own, type);

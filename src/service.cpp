@@ -93,7 +93,7 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
 void service_end(const tService *aipcServ, const char *aicpcText)
 {
     if (aipcServ->bStop)
-        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // the cancel strikes here
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // here it takes effect
     pthread_exit(const_cast<char *>(aicpcText));
 }
 

@@ -16,7 +16,7 @@
  * Nothing checks it. The belief is wrong when another process or thread was started at that moment,
  * the host's own included, and when the shell makes no process at all: many a shell runs a single
  * plain command in its own place, a built-in always. Then whatever has that number gets the
- * SIGTERM, if the caller may signal it, or nothing does. A thread's number strikes its whole
+ * SIGTERM, if the caller may signal it, or nothing does. A thread's number ends its whole
  * process; one of the caller's own process is refused. Use pclose2() where the host knows its shell
  * and its command, and otherwise fclose(): the command then ends by itself, at the end of its
  * input, or when it writes.
