@@ -28,7 +28,7 @@ class Terminal:
         self.process, self.fd = pty.fork()
         if self.process == 0:
             os.chdir(folder)
-            os.execvpe("bash", ["bash", "--norc", "-i"], dict(os.environ, PS1="ready> "))
+            os.execvpe("bash", ["bash", "--norc", "-i"], dict(os.environ, PS1="ready> ", HISTFILE=""))
         self.text = ""
         self.wait("ready> ")
 
@@ -49,8 +49,7 @@ class Terminal:
         os.write(self.fd, text.encode())
 
     def end(self):
-        self.type("\x03")
-        os.kill(self.process, signal.SIGHUP)
+        os.kill(self.process, signal.SIGKILL)  # between two prompts a shell can miss any other signal
         os.close(self.fd)
         os.waitpid(self.process, 0)
 
@@ -77,12 +76,13 @@ def main():
             terminal.type(block[0][2:] + "\n")
             if block is not watchdog:
                 terminal.expect(block[1:])
-            while not os.path.exists(os.path.join(copy, "build/trial/watchdog.sock")):
-                time.sleep(0.01)  # nobody types the next command as fast as this
+            time.sleep(0.5)  # nobody types the next command faster
         terminals[0].expect(watchdog[1:])
         terminals[1].type("\x03")
         terminals[1].expect(daemon[stop:])
         terminals[2].wait("ready> ")  # the client ends with the daemon
+        terminals[0].type("\x03")
+        terminals[0].wait("ready> ")
         for terminal in [first] + terminals:
             terminal.end()
     print("typed, and shown:", sum(map(len, blocks)), "lines")
