@@ -329,13 +329,13 @@ static int child_life()
 {
     calls_stop();
     alarm(30); // a child that hangs ends by this
+#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__
+    return 0; // they cannot follow a child of several threads: their own locks may be held in it
+#endif
     char msg[] = "C";
     log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
     if (dmn_serv_tx_clit_msg(msg, 1) + self_feddog_exit() + dmn_server_exit() + log_system_exit())
         return 1;
-#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__
-    return 0; // they cannot follow a child of several threads: their own locks may be held in it
-#endif
     static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
                              LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
     static tDmnServCfg cfg;
