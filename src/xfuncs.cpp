@@ -181,19 +181,14 @@ char xorCheckSum(const char *const aicpcStartPtr, const char *const aicpcEndPtr)
     const char *at = aicpcStartPtr;
     size_t left = last - first + 1;
 
-    // Four named sums that do not wait for each other; as an array the compiler keeps them in
-    // memory, and the loop takes four times as long. Two turns at once hide the counting: else it
-    // is up to the state of the processor whether a turn takes one cycle or nearly two.
+    // Eight words a turn hide the counting, and only one of a turn's sums waits for the last turn.
     constexpr size_t step = sizeof(tWord);
-    tWord sum0 = 0, sum1 = 0, sum2 = 0, sum3 = 0;
-#pragma GCC unroll 2
-    for (; left >= 4 * step; left -= 4 * step, at += 4 * step) {
-        sum0 ^= _load_word(at);
-        sum1 ^= _load_word(at + step);
-        sum2 ^= _load_word(at + 2 * step);
-        sum3 ^= _load_word(at + 3 * step);
-    }
-    tWord folded = sum0 ^ sum1 ^ sum2 ^ sum3;
+    tWord folded = 0;
+    for (; left >= 8 * step; left -= 8 * step, at += 8 * step)
+        folded ^= ((_load_word(at) ^ _load_word(at + step)) ^
+                   (_load_word(at + 2 * step) ^ _load_word(at + 3 * step))) ^
+                  ((_load_word(at + 4 * step) ^ _load_word(at + 5 * step)) ^
+                   (_load_word(at + 6 * step) ^ _load_word(at + 7 * step)));
     for (; left >= step; left -= step, at += step)
         folded ^= _load_word(at);
     for (size_t half = step * 4; half >= 8; half /= 2)
