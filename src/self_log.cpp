@@ -2,6 +2,7 @@
 #include <common/self_log.h>
 
 #include "config_internal.h"
+#include "console_internal.h"
 #include "thread_internal.h"
 
 #include <cerrno>
@@ -77,8 +78,7 @@ static int _pipe_users()
 // The last second that was broken down, for the other lines of that second: the second itself in
 // the low bits (the system's clock ends in 2262), above it hour, minute and second.
 static uint64_t giLogClock = UINT64_MAX;
-static constexpr unsigned gicSecBits = 44;
-static constexpr unsigned gicPartBits = 6;
+static constexpr unsigned gicSecBits = 44, gicPartBits = 6;
 
 // Hour, minute and second of the day, in gicPartBits each.
 static unsigned _time_of_day(time_t aicSec)
@@ -181,19 +181,7 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
                     local.tm_hour, local.tm_min, local.tm_sec, chance) >= 0;
 }
 
-// If a standard descriptor was closed, ours may have its number and would receive console output:
-// moves it above 2. -1 when that fails.
-static int _above_console(int aicFd)
-{
-    if (aicFd > STDERR_FILENO)
-        return aicFd;
-    const int fd = fcntl(aicFd, F_DUPFD, STDERR_FILENO + 1);
-    const int err = errno;
-    (void)close(aicFd);
-    errno = err;
-    return fd;
-}
-
+// As console_leave(), for a stream.
 static FILE *_fopen_above_console(const char *aicpcNme)
 {
     FILE *pFp = fopen(aicpcNme, "w+");
@@ -372,8 +360,8 @@ static int _open_log_pipe()
     int fds[2];
     if (pipe(fds) == -1)
         return -1;
-    fds[0] = _above_console(fds[0]);
-    fds[1] = _above_console(fds[1]);
+    fds[0] = console_leave(fds[0], F_DUPFD);
+    fds[1] = console_leave(fds[1], F_DUPFD);
     if (fds[0] == -1 || fds[1] == -1 || fds[0] >= FD_SETSIZE) { // select() could not wait for it
         for (int fd : fds)
             if (fd != -1)
@@ -506,7 +494,7 @@ static void _log_in_child()
 
 __attribute__((constructor)) static void _log_meet_forks()
 {
-    // Fails without memory, at the start of the program.
+    // Fails without memory at the start.
     (void)pthread_atfork(_log_before_fork, _log_after_fork, _log_in_child);
 }
 
@@ -523,7 +511,6 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     timeval now = {};
     (void)gettimeofday(&now, nullptr); // fails on a bad pointer only
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
-
     const size_t used = _put_head(line, gicLogStrAry[tag], now, aipcFlNme, aicLnNum);
 
     // What does not fit is cut; of a format that cannot be expanded there stays the beginning.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "service_internal.h"
 
+#include "console_internal.h"
 #include "thread_internal.h"
 
 #include <cerrno>
@@ -36,24 +37,11 @@ static void _service_wake_cb(int, short, void *aipArg)
     (void)event_base_loopbreak(pServ->pEtBse); // fails on a null base only
 }
 
-// Where a host has closed its console, this is not to get what is printed: it would wake the loop.
-static int _wake_above_console()
-{
-    const int fd = eventfd(0, EFD_CLOEXEC);
-    if (fd == -1 || fd > STDERR_FILENO)
-        return fd;
-    const int above = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int err = errno;
-    (void)close(fd); // an eventfd has nothing to lose
-    errno = err;
-    return above;
-}
-
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
 {
     thread_load_unwinder();
     const int was = service_lock();
-    *aopServ = {_wake_above_console(), nullptr, false};
+    *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC), F_DUPFD_CLOEXEC), nullptr, false};
     service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
