@@ -41,4 +41,5 @@ endforeach()
 
 # The folder's lib leads to the cross compiler's C library, so one path serves the emulated loader.
 # With the processor named, what a Cortex-A9 lacks (integer division) ends a program by SIGILL.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -cpu cortex-a9 -L ${KELVARA_ARMHF_SYSROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  qemu-arm -cpu cortex-a9 -E KELVARA_EMULATED=1 -L ${KELVARA_ARMHF_SYSROOT})
