@@ -39,7 +39,7 @@ static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
 typedef struct _tOptions_ {
     const char *config;
-    const char *input; // replaces source and path
+    const char *input; // a file in place of the configured source
     int rate;          // replaces the configured one unless -1
     int level;         // replaces the configured one unless -1
     int delayMs;       // before the first sentence, for clients to connect
@@ -59,6 +59,7 @@ static constexpr uint64_t gicCatchUpNs = 100000000U; // by how much a paced repl
 
 // The services keep the records in it by pointer: it lives as long as the program.
 static tGnssdCfg giCfg;
+static const char *gipInput; // path or command
 static tOptions giOpt = {nullptr, nullptr, -1, -1, 0, 0};
 
 // What both threads use.
@@ -141,10 +142,9 @@ static void _parse_options(int argc, char **argv)
 static int _configure(void)
 {
     const int result = gnssd_cfg_load(&giCfg, giOpt.config);
-    if (giOpt.input != nullptr) {
+    gipInput = giOpt.input != nullptr ? giOpt.input : giCfg.path;
+    if (giOpt.input != nullptr)
         giCfg.kind = SRC_FILE;
-        snprintf(giCfg.path, sizeof giCfg.path, "%s", giOpt.input);
-    }
     if (giOpt.rate != -1)
         giCfg.rate = giOpt.rate;
     gLogLevl = static_cast<eLogLevl>(giOpt.level != -1 ? giOpt.level : giCfg.level);
@@ -247,7 +247,7 @@ static void _input_ended(void)
     pthread_join(giReader, nullptr);
     gibReading = false;
     if (giEndedBy == SRC_FAIL)
-        LOG_MSG(LOG_LEV_ERROR, "input %s err, msg:%s!!!!\n", giCfg.path, strerror(giReadErr));
+        LOG_MSG(LOG_LEV_ERROR, "input %s err, msg:%s!!!!\n", gipInput, strerror(giReadErr));
     if (giEndedBy == SRC_END && !gibStop)
         _set_timer(static_cast<uint64_t>(giOpt.lingerMs) * 1000000U);
     else
@@ -383,7 +383,7 @@ static int _work(const int aicSignalFd)
         (result = heartbeat_start(gipBase, &giCfg.watchdog)) != 0 ||
         (result = _start_reader()) != 0)
         return result;
-    LOG_MSG(LOG_LEV_RUN, "gnssd serves %s, input: %s------\n", giCfg.server.dmNme, giCfg.path);
+    LOG_MSG(LOG_LEV_RUN, "gnssd serves %s, input: %s------\n", giCfg.server.dmNme, gipInput);
     _set_timer(static_cast<uint64_t>(giOpt.delayMs) * 1000000U);
     event_base_dispatch(gipBase);
     return giEndedBy == SRC_FAIL ? -ERR_FREAD_DMN : 0;
@@ -408,7 +408,7 @@ static int _run(const int aicSignalFd)
 {
     (void)system_set_rlimit(); // logged; the limit that we have will mostly do
     // A command is started before everything that it should not inherit.
-    int result = source_open(&giSource, giCfg.kind, giCfg.path, giCfg.baudRate);
+    int result = source_open(&giSource, giCfg.kind, gipInput, giCfg.baudRate);
     if (result != 0)
         return result;
     result = _work(aicSignalFd);
@@ -438,5 +438,8 @@ int main(int argc, char **argv)
     log_system_exit();
     printf("gnssd: read %lu valid %lu bad %lu broadcast %lu\n", read, giValidCnt, giBadCnt,
            giValidCnt);
-    return result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (result == 0)
+        return EXIT_SUCCESS;
+    fprintf(stderr, "gnssd: failed, the log has the reason\n");
+    return EXIT_FAILURE;
 }

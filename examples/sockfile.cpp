@@ -2,10 +2,17 @@
 #include "sockfile.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <libgen.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+static int giLockFd = -1; // the folder, locked
 
 int sockfile_address(struct sockaddr_un *aopAddr, const char *aicpcPath)
 {
@@ -35,9 +42,21 @@ int sockfile_probe(const char *aicpcPath)
     return err;
 }
 
+// Whoever may read the folder may lock it; so one second, and then without the lock.
+static void _lock_folder(const char *aicpcPath)
+{
+    char path[sizeof sockaddr_un::sun_path];
+    snprintf(path, sizeof path, "%s", aicpcPath);
+    giLockFd = open(dirname(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int ms = 0; giLockFd != -1 && ms < 1000 && flock(giLockFd, LOCK_EX | LOCK_NB) == -1;
+         ms += 10)
+        poll(nullptr, 0, 10);
+}
+
 int sockfile_claim(const char *aicpcPath)
 {
     struct stat st;
+    _lock_folder(aicpcPath);
     if (lstat(aicpcPath, &st) == -1)
         return errno == ENOENT ? 0 : errno;
     if (!S_ISSOCK(st.st_mode))
@@ -54,6 +73,9 @@ void sockfile_bound(tSockFile *aopFile, const char *aicpcPath)
     *aopFile = {};
     if (lstat(aicpcPath, &st) == 0)
         *aopFile = {aicpcPath, st.st_dev, st.st_ino};
+    if (giLockFd != -1)
+        (void)close(giLockFd); // nothing was written
+    giLockFd = -1;
 }
 
 void sockfile_remove(tSockFile *aiopFile)

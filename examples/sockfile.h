@@ -10,8 +10,6 @@
  *     ...
  *     close_the_server();
  *     sockfile_remove(&file);
- *
- * Two servers that start in the same instant are not told apart.
  */
 #ifndef KELVARA_EXAMPLES_SOCKFILE_H
 #define KELVARA_EXAMPLES_SOCKFILE_H
@@ -33,10 +31,13 @@ int sockfile_address(struct sockaddr_un *aopAddr, const char *aicpcPath);
 int sockfile_probe(const char *aicpcPath);
 
 /* Makes sure that the path may be bound: removes a socket that a server has left behind. Returns 0,
- * EEXIST for a file that is no socket, EADDRINUSE, or what else keeps us from looking. */
+ * EEXIST for a file that is no socket, EADDRINUSE, or what else keeps us from looking. Locks the
+ * folder until sockfile_bound(), so that of two servers that start together the second one sees the
+ * first. After an error, end the program. */
 int sockfile_claim(const char *aicpcPath);
 
-/* Remembers the socket that the caller has bound to the path, and keeps the pointer. */
+/* Remembers the socket that the caller has bound to the path and listens at, and keeps the pointer.
+ * Unlocks the folder. */
 void sockfile_bound(tSockFile *aopFile, const char *aicpcPath);
 
 /* Removes it, if it is still the same file and nobody serves there. Close the own socket first. */

@@ -178,7 +178,8 @@ static void _receive(tTap *aipTap, const int aicFd, const int aicSignalFd, const
         aipTap->bytes += static_cast<unsigned long long>(len);
         write_bytes(aipTap->buf, chunk, static_cast<uint32>(len));
         aicShow(aipTap, false);
-        fflush(stdout);
+        if (fflush(stdout) == EOF)
+            return;
     }
 }
 
@@ -238,8 +239,11 @@ int main(int argc, char **argv)
     }
     _receive(&tap, fd, signalFd, mode->show);
     mode->show(&tap, true);
-    fflush(stdout);
+    (void)fflush(stdout); // ferror() remembers
     _summary(&tap, mode);
     buffer_free(tap.buf);
-    return EXIT_SUCCESS; // which closes the rest
+    if (ferror(stdout) == 0)
+        return EXIT_SUCCESS; // which closes the rest
+    fprintf(stderr, "tap: standard output cannot be written\n");
+    return EXIT_FAILURE;
 }

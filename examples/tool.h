@@ -19,10 +19,11 @@
 int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcText, int aicMin,
                 int aicMax);
 
-/* Catches SIGINT and SIGTERM, and the signals of the list, which a 0 ends. Returns a descriptor
- * from which each can be read as one byte, its number, or -1. From the first SIGINT or SIGTERM on
- * the program has 0.9 s: then it is ended with status 1, wherever it hangs. Threads that are
- * started later should have these signals blocked. */
+/* Opens a closed standard input, output or error on /dev/null. Catches SIGINT and SIGTERM, and the
+ * signals of the list, which a 0 ends. Returns a descriptor from which each can be read as one
+ * byte, its number, or -1. From the first SIGINT or SIGTERM on the program has 0.9 s: then it is
+ * ended with status 1, wherever it hangs. Threads that are started later should have these signals
+ * blocked. */
 int tool_signals(const int *aicpcMore);
 
 /* The clock in nanoseconds. */
