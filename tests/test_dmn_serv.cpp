@@ -10,6 +10,7 @@
 #include <csignal>
 #include <event2/event.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
@@ -189,6 +190,29 @@ TEST(DmnServ, ServesOnAHostsOwnBase)
         close(fd);
         EXPECT_EQ(fds, open_descriptors());
     }
+}
+
+// Only the kernel itself holds a program to its limit, and a sanitizer wants more than any.
+TEST(DmnServ, StartsOnceThereIsMemoryForItsThread)
+{
+#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "sanitizer";
+#endif
+    if (getenv("KELVARA_EMULATED") != nullptr)
+        GTEST_SKIP() << "emulator";
+    static tDmnServCfg cfg = serv_cfg();
+    rlimit before;
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &before));
+    const rlimit tight = {1 << 20, before.rlim_max};
+    EXPECT_EQ("ERR dmn_serv: pthread_create() err, msg:Resource temporarily unavailable\n",
+              tagged(output_of([&] {
+                  EXPECT_EQ(0, setrlimit(RLIMIT_AS, &tight));
+                  EXPECT_EQ(-ERR_PTHREAD_CREATE_DMN, dmn_server_init(&cfg));
+                  EXPECT_EQ(0, setrlimit(RLIMIT_AS, &before));
+              })));
+    int fd = -1;
+    EXPECT_EQ(gicStop, served([&] { fd = admitted(); }));
+    close(fd);
 }
 
 TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack)
