@@ -32,7 +32,7 @@ static int _enter(const char *name)
         return 0;
     int errNow = errno;
     gInside = true;
-    int was; // where the library can be struck by a cancel is its choice, not that of a rule
+    int was; // where a cancel may take effect is the library's choice, not that of a rule
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
     int err = 0;
     {

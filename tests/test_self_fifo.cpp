@@ -67,6 +67,10 @@ TEST(Fifo, TestAndUpdateAreOneStep)
         EXPECT_EQ(fifo_get_one(&fifo, &mine), call == fifo_add_one) << "leaves one, or none";
     }
     EXPECT_TRUE(mine == 1 && other == 2);
+    calls_watch([&](const tCall &) { return fifo_add_one(&fifo, &other) - 1; });
+    fifo_clear(&fifo);
+    calls_stop();
+    EXPECT_EQ(fifo_get_data_count(&fifo), 0u) << "one was added before the clear";
 }
 
 // Every element arrives once, and those of one producer in its order.

@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: MIT
+// Scenarios: whole lives of the services, to be repeated while a call fails, while the host stops
+// them at a call, or while a child is forked; and what must hold after each.
+#pragma once
+#include <common/dmn_serv.h>
+#include <common/self_dog.h>
+#include <common/self_log.h>
+
+#include "calls.h"
+#include "support.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+inline tTempDir gDir;
+inline std::atomic<bool> gStopping{false}; // the scenario is to go straight to its exit call
+inline long gExitMs;                       // how long that took
+inline int gAwaitMs = 300;
+
+// Waits for something of the service's, unless the stop comes or a failure has made it vain.
+inline bool await(const std::function<bool()> &done)
+{
+    bool met = false;
+    calls_uncounted([&] { met = wait_until([&] { return gStopping || done(); }, gAwaitMs); });
+    return met && !gStopping;
+}
+
+inline void timed_exit(int (*exitCall)())
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, exitCall());
+    gExitMs = ms_since(start);
+}
+
+template <size_t tBytes> void set_path(char (&field)[tBytes], const std::string &name)
+{
+    snprintf(field, tBytes, "%s/%s", gDir.path.c_str(), name.c_str());
+}
+
+// --- scenarios: each tells whether all of it worked -------------------------------------------
+
+template <eLogRunMod tMode> bool log_life()
+{
+    tLogCfg cfg = {tMode, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_ON, ""};
+    set_path(cfg.saveLogPath, "log");
+    const int ret = log_system_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -2 || ret == -3 || ret == -4) << ret;
+    for (unsigned i = 1; i <= 3; ++i) {
+        logger(0, 0, "line\n");
+        if (tMode == LOG_RUN_NEW_PTHREAD && ret == 0)
+            await([=] { return calls_count("read") >= i; });
+    }
+    timed_exit(log_system_exit);
+    size_t lines = 0;
+    calls_uncounted([&] {
+        for (const char *name : {"log-00.log", "log-01.log"})
+            lines += count_of(slurp(gDir / name), "line\n");
+        (void)!system(("rm -f " + (gDir / "log") + "*").c_str());
+    });
+    if (gStopping)
+        EXPECT_EQ(3U, lines) << "a stop loses nothing, whenever it comes";
+    return ret == 0 && lines == 3;
+}
+
+inline bool server_life()
+{
+    static tDmnServCfg cfg;
+    set_path(cfg.dmNme, "serv");
+    const int ret = dmn_server_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -11) << ret;
+    int stays = -1, leaves = -1;
+    char msg[] = "message", got = 0;
+    const auto connected = [&](int *fd) {
+        return await([&] {
+            if (*fd == -1 && (*fd = unix_connect(cfg.dmNme)) == -1)
+                return false;
+            char byte[] = "?";
+            dmn_serv_tx_clit_msg(byte, 1);
+            return recv(*fd, &got, 1, MSG_DONTWAIT) == 1;
+        });
+    };
+    bool worked = ret == 0 && connected(&stays) && connected(&leaves);
+    if (worked) {
+        calls_uncounted([&] {
+            send(stays, "to be thrown away", 17, MSG_NOSIGNAL);
+            close(leaves);
+        });
+        leaves = -1;
+        dmn_serv_tx_clit_msg(msg, sizeof msg);
+        worked = await([&] { return recv(stays, &got, 1, MSG_DONTWAIT) == 1 && got == 'm'; });
+    }
+    timed_exit(dmn_server_exit);
+    calls_uncounted([&] {
+        EXPECT_EQ(std::string::npos, read_bytes(stays, 9999).find('C')) << "a child's broadcast";
+        close(stays);
+        close(leaves);
+        unlink(cfg.dmNme);
+    });
+    return worked;
+}
+
+// Ends on its own: there is nothing to bind to, or no configuration at all.
+inline bool server_that_cannot()
+{
+    static tDmnServCfg cfg = {"/no/such/folder/serv"};
+    for (tDmnServCfg *pCfg : {&cfg, static_cast<tDmnServCfg *>(nullptr)}) {
+        dmn_server_init(pCfg);
+        await([] { return calls_count("pthread_exit") > 0; });
+        timed_exit(dmn_server_exit);
+    }
+    return true;
+}
+
+inline bool dog_life()
+{
+    static tFeddogCfg cfg = {0, 1000, "driver", ""};
+    set_path(cfg.txFeddogHtDmNme, "dog");
+    int dog = -1, fd = -1;
+    calls_uncounted([&] {
+        dog = unix_listen(cfg.txFeddogHtDmNme);
+        fcntl(dog, F_SETFL, O_NONBLOCK);
+    });
+    const int ret = self_feddog_init(&cfg);
+    EXPECT_TRUE(ret == 0 || ret == -11) << ret;
+    char got[11];
+    const bool worked = ret == 0 &&
+                        await([&] { return (fd = accept(dog, nullptr, nullptr)) != -1; }) &&
+                        await([&] { return recv(fd, got, sizeof got, MSG_DONTWAIT) == 11; }) &&
+                        await([&] { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; });
+    calls_uncounted([&] { close(fd); });
+    if (worked) // it notices, and goes on beating into the void
+        await([] { return calls_count("close") > 0 && calls_count("write") > 3; });
+    timed_exit(self_feddog_exit);
+    calls_uncounted([&] {
+        close(dog);
+        unlink(cfg.txFeddogHtDmNme);
+    });
+    return worked;
+}
+
+inline bool dog_that_cannot()
+{
+    static tFeddogCfg cfg = {0, 1000, "driver", "/no/such/folder/dog"};
+    self_feddog_init(&cfg);
+    await([] { return calls_count("pthread_exit") > 0; });
+    timed_exit(self_feddog_exit);
+    return true;
+}
+
+// What is opened gets the console's numbers, and has to move away from them.
+template <bool (*tLife)()> bool closed_console()
+{
+    int saved[2] = {};
+    calls_uncounted([&] {
+        for (const int fd : {0, 2}) {
+            saved[fd / 2] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+            close(fd);
+        }
+    });
+    const bool worked = tLife();
+    calls_uncounted([&] {
+        for (const int fd : {0, 2}) {
+            dup2(saved[fd / 2], fd);
+            close(saved[fd / 2]);
+        }
+    });
+    return worked;
+}
+
+struct tScenario {
+    const char *name;
+    bool (*run)();
+};
+inline constexpr tScenario gicDirectLog = {"direct_log", log_life<LOG_RUN_MAIN_PROGRESS>},
+                           gicWriterLog = {"writer_log", log_life<LOG_RUN_NEW_PTHREAD>},
+                           gicConsoleLog = {"closed_console_log", closed_console<gicWriterLog.run>},
+                           gicConsoleServer = {"closed_console_server",
+                                               closed_console<server_life>},
+                           gicServer = {"server", server_life},
+                           gicServerThatCannot = {"server_that_cannot", server_that_cannot},
+                           gicDog = {"dog", dog_life},
+                           gicDogThatCannot = {"dog_that_cannot", dog_that_cannot};
+
+inline void PrintTo(const tScenario &scenario, std::ostream *out)
+{
+    *out << scenario.name;
+}
+
+// --- what holds after each ----------------------------------------------------------------------
+
+struct tRest { // nothing more than this may be there
+    size_t threads = threads_at_rest(), fds = open_descriptors();
+    void check() const
+    {
+        EXPECT_TRUE(threads_settle_at(threads));
+        EXPECT_EQ(fds, open_descriptors());
+        EXPECT_LT(gExitMs, 5000);
+    }
+};
+
+// pclose2() signals whatever process comes after the shell; not here. And each log line has a
+// second of its own, or the calls that it makes would depend on the clock.
+inline int spare(const tCall &call)
+{
+    const std::string name = call.name;
+    return name == "kill" ? ESRCH : name == "gettimeofday" ? EINVAL : 0;
+}
+
+// One life under a rule; what it printed, and whether all of it worked.
+inline std::pair<std::string, bool> live(const tScenario &scenario, const tCallRule &rule)
+{
+    bool worked = false;
+    gStopping = false;
+    const std::string said = output_of([&] {
+        calls_watch(rule);
+        worked = scenario.run();
+        calls_stop();
+    });
+    return {said, worked};
+}
+
+// A normal run that must work.
+inline void normal_run(const tScenario &scenario)
+{
+    const int usual = gAwaitMs;
+    gAwaitMs = 10000; // nothing is waited for in vain here, and the machine may be busy
+    const auto [said, worked] = live(scenario, spare);
+    gAwaitMs = usual;
+    EXPECT_TRUE(worked) << "a normal run of " << scenario.name << ":\n" << said;
+}
