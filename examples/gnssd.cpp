@@ -423,9 +423,9 @@ int main(int argc, char **argv)
     static const int signals[] = {SIGHUP, SIGUSR1, SIGUSR2, 0};
     setvbuf(stdout, nullptr, _IOLBF, 0); // also a console that is a pipe or a file shows each line
     _parse_options(argc, argv);
+    const int signalFd = tool_signals(signals); // early: SIGHUP would end us
     if (_configure() != 0)
         return EXIT_FAILURE;
-    const int signalFd = tool_signals(signals);
     if (signalFd == -1 || log_system_init(&giCfg.log) != 0) {
         log_system_exit();
         fprintf(stderr, "gnssd: no log, msg:%s\n", strerror(errno));
