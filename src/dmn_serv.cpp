@@ -185,7 +185,7 @@ __attribute__((constructor)) static void _dmn_server_meet_forks()
 
 static void *_dmn_server_func_pth(void *aipArg)
 {
-    thread_hold_cancel();
+    thread_begin("kelvara_serv");
     if (aipArg == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
     else if ((gipPthdEtBse = event_base_new()) == nullptr)

@@ -121,7 +121,7 @@ __attribute__((constructor)) static void _feddog_meet_forks()
 
 static void *_feddog_func_pth(void *aipArg)
 {
-    thread_hold_cancel();
+    thread_begin("kelvara_dog");
     if (aipArg == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
     else if ((gipFedDogEtBse = event_base_new()) == nullptr)

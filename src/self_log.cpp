@@ -318,7 +318,7 @@ static ssize_t _rx_log_chunk(int aicFd)
 
 static void *_rx_log_func_pth(void *)
 {
-    thread_hold_cancel();
+    thread_begin("kelvara_log");
     // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
     (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
@@ -376,11 +376,12 @@ static int _open_log_pipe()
 
 static int _start_log_thread()
 {
-    thread_load_unwinder();
     // Set here and not on the thread, which might do so after an exit call has cleared it.
     _poke(&gibWlRunFlg, true);
     pthread_t id = 0;
-    const int err = pthread_create(&id, nullptr, _rx_log_func_pth, nullptr);
+    int err = thread_load_unwinder();
+    if (err == 0)
+        err = pthread_create(&id, nullptr, _rx_log_func_pth, nullptr);
     if (err != 0) {
         printf("pthread_create() err, msg:%s\n", strerror(err));
         return -ERR_LOG_PTHREAD_CREATE;

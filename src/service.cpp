@@ -39,7 +39,9 @@ static void _service_wake_cb(int, short, void *aipArg)
 
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg)
 {
-    thread_load_unwinder();
+    int err = thread_load_unwinder();
+    if (err != 0)
+        return err;
     const int was = service_lock();
     *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC), F_DUPFD_CLOEXEC), nullptr, false};
     service_unlock(was);
@@ -47,7 +49,7 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
         return errno;
     // The call may leave any value behind when it fails, so it gets a variable of its own.
     pthread_t id = 0;
-    int err = pthread_create(&id, nullptr, aiEntry, aipArg);
+    err = pthread_create(&id, nullptr, aiEntry, aipArg);
     if (err != 0) {
         service_close(&aopServ->WakeFd);
         return err;

@@ -7,24 +7,28 @@
 // in at the few places where a pending cancel takes effect inside a call of ours.
 #pragma once
 
+#include <cerrno>
 #include <execinfo.h>
 #include <pthread.h>
 
 // First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
-// comes last, when a cancel can no longer take effect between two calls.
-inline void thread_hold_cancel()
+// comes last, when a cancel can no longer take effect between two calls. The name, of 15 characters
+// at most, is for `top -H`, `ps -T` and debuggers.
+inline void thread_begin(const char *aicpcNme)
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     (void)pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+    (void)pthread_setname_np(pthread_self(), aicpcNme);
 }
 
 // glibc loads the unwinder when a thread is first cancelled or exits, and aborts the process when
-// it cannot, for want of a descriptor, say. So it is loaded when a thread of ours starts.
-inline void thread_load_unwinder()
+// it cannot, for want of a descriptor, say. So it is loaded before a thread of ours is created.
+// Gives 0 or, without it, the error number with which the start fails.
+inline int thread_load_unwinder()
 {
     void *pFrame = nullptr;
-    (void)backtrace(&pFrame, 1);
+    return backtrace(&pFrame, 1) > 0 ? 0 : ELIBACC;
 }
 
 // Keeps a cancel out of a section that holds a lock, on any thread; what it gives goes to

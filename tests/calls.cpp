@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 #include <event2/event.h>
+#include <execinfo.h>
 #include <ifaddrs.h>
 #include <map>
 #include <mutex>
@@ -187,6 +188,7 @@ WRAP(int, gettimeofday, (timeval * a, void *b), (a, b),
 WATCH(int, sched_yield, (), ())
 WATCH(tm *, localtime_r, (const time_t *a, tm *b), (a, b))
 WRAP(int, nanosleep, (const timespec *a, timespec *b), (a, b), -1)
+WRAP(int, backtrace, (void **a, int b), (a, b), 0)
 WRAP(int, pthread_create, (pthread_t * a, const pthread_attr_t *b, tStart c, void *d), (a, b, c, d),
      err)
 WATCH(int, pthread_cancel, (pthread_t a), (a))

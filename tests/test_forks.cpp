@@ -147,6 +147,11 @@ struct tParent {
         fed = accept(dog, nullptr, nullptr);
         client = unix_connect_soon(serv.dmNme);
         EXPECT_TRUE(wait_until([&] { return send("P"), received() == "P"; }));
+        const char *threads = mode == LOG_RUN_NEW_PTHREAD
+                                  ? "kelvara_dog\nkelvara_log\nkelvara_serv\n"
+                                  : "kelvara_dog\nkelvara_serv\n";
+        EXPECT_EQ(threads,
+                  output_of([] { (void)!system("sort /proc/$PPID/task/*/comm | grep kelvara_"); }));
     }
     static void send(std::string text)
     {

@@ -416,6 +416,8 @@ TEST(LogWriter, FailuresOfItsStart)
         std::string said;
     } table[] = {
         {"pthread_create", EPERM, -2, "pthread_create() err, msg:Operation not permitted\n"},
+        {"backtrace", ELIBACC, -2,
+         "pthread_create() err, msg:Can not access a needed shared library\n"},
         {"pipe", ENFILE, -3, "pipe() err, msg:Too many open files in system!!!!\n"},
         {"none", 0, -3, "pipe() err, msg:Too many open files!!!!\n"}, // beyond select()'s reach
     };

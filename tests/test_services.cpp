@@ -133,6 +133,7 @@ TEST(SetUp, FailuresShowInTheLogAlone)
         {server, "event_base_dispatch", 1, 1, {}},
         {server, "none", 1, 1, {"aipArg err!!!!\n"}},
         {server, "pthread_create", 1, EPERM, {create}},
+        {server, "backtrace", 1, ELIBACC, {create}},
         {server, "eventfd", 1, EMFILE, {create}},
         {feeder, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
         {feeder, "socket", 1, EMFILE, {"socket() err, msg:%m!!!!\n", conn, dogInit}},

@@ -192,7 +192,7 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
  * - 0: done
  * - -40960 (ERR_LOG_PARM_CONT): null record (nothing installed), or a bad fileMod
  * - -4 (ERR_LOG_FOPEN): the first file cannot be opened
- * - -2 (ERR_LOG_PTHREAD_CREATE): no writer thread
+ * - -2 (ERR_LOG_PTHREAD_CREATE): no writer thread, or libgcc_s.so.1 cannot be loaded to end it
  * - -3 (ERR_LOG_PIPE_CREATE): no pipe, or its descriptor is too high for select() */
 int log_system_init(const tLogCfg *aipcLogCfg);
 
