@@ -360,8 +360,8 @@ static int _open_log_pipe()
     int fds[2];
     if (pipe(fds) == -1)
         return -1;
-    fds[0] = console_leave(fds[0], F_DUPFD);
-    fds[1] = console_leave(fds[1], F_DUPFD);
+    fds[0] = console_leave(fds[0]);
+    fds[1] = console_leave(fds[1]);
     if (fds[0] == -1 || fds[1] == -1 || fds[0] >= FD_SETSIZE) { // select() could not wait for it
         for (int fd : fds)
             if (fd != -1)

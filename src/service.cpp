@@ -43,7 +43,7 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
     if (err != 0)
         return err;
     const int was = service_lock();
-    *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC), F_DUPFD_CLOEXEC), nullptr, false};
+    *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC)), nullptr, false};
     service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
