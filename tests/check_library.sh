@@ -1,8 +1,8 @@
 #!/bin/bash
 # SPDX-License-Identifier: MIT
-# check_library.sh LIBRARY SOURCE OBJDUMP: the library exports just what its map names, leaves open just
-# what the host brings, needs nothing but the C library, shows its modules' plain names, and on ARM
-# the spinlock has its two barriers where they belong.
+# check_library.sh LIBRARY SOURCE OBJDUMP BUILD_TYPE: the library exports just what its map names,
+# leaves open just what the host brings, needs nothing but the C library, shows its modules' plain
+# names, and the spinlock has its two barriers where they belong.
 set -euo pipefail
 library=$1 objdump=$3
 exported=$("$2/scripts/exported")
@@ -37,12 +37,19 @@ differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
   "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
     | sort -u | tr '\n' ' ' | sed 's/ $//')"
 
-barriers() { # barriers FUNCTION KINDS: its instructions of these kinds, in order
-  "$objdump" -d --disassemble="$1" "$library" | grep -owE "$2" | xargs
+barriers() { # barriers WANTED KINDS FUNCTION...: the instructions of these kinds, in order
+  local wanted=$1 kinds=$2 name
+  for name in "${@:3}"; do
+    differ "$name" "$wanted" "$("$objdump" -d --disassemble="$name" "$library" \
+      | sed 's/mfence/lock/' | grep -owE "$kinds" | xargs)"
+  done
 }
-if readelf -h "$library" | grep -q 'Machine:.*ARM$'; then
-  differ spinlock_try_lock "strex dmb" "$(barriers spinlock_try_lock 'strex|dmb')"
-  differ spinlock_lock "strex dmb" "$(barriers spinlock_lock 'strex|dmb')"
-  differ spinlock_unlock "dmb str" "$(barriers spinlock_unlock 'dmb|str')"
-fi
+case "$(readelf -h "$library" | grep Machine:) $4" in
+  *ARM*)
+    barriers "strex dmb" 'strex|dmb' spinlock_try_lock spinlock_lock
+    barriers "dmb str" 'dmb|str' spinlock_unlock ;;
+  *X86-64*Release) # a barrier is a locked instruction
+    barriers "xchg lock" 'xchg|lock' spinlock_try_lock spinlock_lock
+    barriers "lock movl" 'lock|movl' spinlock_unlock ;;
+esac
 exit $fail

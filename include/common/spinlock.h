@@ -15,9 +15,10 @@
  *     spinlock_unlock(&giCntLk);
  *
  * Threads: any number of them contend for a lock; what one wrote while holding it is seen by the
- * next holder. There is no owner (any thread may release), no recursion (a second spinlock_lock()
- * by the holder never returns) and no fairness. A holder that is descheduled, cancelled or killed
- * leaves the others waiting; where that matters, or where the section may block, use a mutex.
+ * next holder. Taking and releasing are full memory barriers, too. There is no owner (any thread
+ * may release), no recursion (a second spinlock_lock() by the holder never returns) and no
+ * fairness. A holder that is descheduled, cancelled or killed leaves the others waiting; where that
+ * matters, or where the section may block, use a mutex.
  *
  * The record belongs to the caller; nothing is allocated, nothing has to be released, nothing can
  * fail. It may lie in memory shared between processes. The pointers must not be null.
@@ -25,8 +26,9 @@
  * In a strictly ISO compilation (-std=c11) include this header first, or define _POSIX_C_SOURCE as
  * 199309L or more, so that the C library declares nanosleep().
  *
- * Between threads of different real-time priority a spinlock can stall the lower one for good: take
- * a mutex with priority inheritance there.
+ * Not between threads of different real-time priority: there is no priority inheritance, and a
+ * waiter that sleeps for a microsecond only may keep a holder of lower priority from the processor,
+ * so both hang. Take a mutex with priority inheritance there.
  *
  * Every program that links the library defines gLogLevl: see common/self_log.h.
  *
@@ -57,8 +59,8 @@ typedef struct spinlock_t {
 /** Makes the lock free. Call it before another thread knows the lock. */
 void spinlock_init(spinlock_t *spin);
 
-/** Takes the lock if it is free. Never waits. Taking it acquires: nothing after the call is done
- * before the lock is held.
+/** Takes the lock if it is free. Never waits. Acquires: nothing after the call is done before the
+ * lock is held.
  * @return 1 when this call took it, 0 when it was held */
 int spinlock_try_lock(spinlock_t *spin);
 
@@ -67,7 +69,7 @@ int spinlock_try_lock(spinlock_t *spin);
 void spinlock_lock(spinlock_t *spin);
 
 /** Makes the lock free, whoever held it; a free lock stays free. Releases: all that was done before
- * the call is seen by the next holder. */
+ * the call is seen by the next holder, and before the caller loads anything else. */
 void spinlock_unlock(spinlock_t *spin);
 
 /** The back-off of spinlock_lock() alone, for wait loops of the host's own: call it after the
