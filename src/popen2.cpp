@@ -102,6 +102,7 @@ int pclose2(FILE *iop)
     int *pSlot = _slot(iop);
     if (pSlot == nullptr || *pSlot == 0)
         return -1;
+    const int errBefore = errno;
     const int was = thread_defer_cancel(); // or a cancelled close would leave the slot behind
     (void)fclose(iop);                     // what the command did not take is lost with it
 
@@ -113,6 +114,8 @@ int pclose2(FILE *iop)
     (void)sigaddset(&held, SIGHUP);
     (void)sigprocmask(SIG_BLOCK, &held, &before);
     const int ret = _terminate(*pSlot + 1);
+    if (ret == 0)
+        errno = errBefore;
     (void)sigprocmask(SIG_SETMASK, &before, nullptr);
     *pSlot = 0;
     thread_restore_cancel(was);

@@ -68,7 +68,8 @@ void AES128_CBC_encrypt_buffer(uint8_t *output, uint8_t *input, uint32_t length,
                                const uint8_t *iv);
 
 /** Deciphers length bytes of input into output by CBC; key and iv as above. input stays unchanged
- * and must not overlap output.
+ * and must not overlap output; nor may the chaining value, which is needed until the first block is
+ * done: with a null iv that is the last whole block of the call before.
  * The last length % 16 bytes, if any, are filled up with zeros in output and deciphered there as
  * one more block of the chain; output and input then both need length rounded up to 16, because a
  * call that continues takes that whole block of input as its chaining value. */

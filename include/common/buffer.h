@@ -36,9 +36,9 @@
  * What blocks: only read_buffer(), when its descriptor blocks. Nothing here logs.
  *
  * What is lost on failure: most functions return nothing. When storage cannot be had, an append,
- * copy or write leaves the buffer's data as it was; compare `used` before and after where that
- * matters. A capacity cannot pass 2^31 - 1; what would need more is refused in the same way, and
- * so is every negative size or length.
+ * copy or write leaves the buffer's data as it was. Where that matters, compare `used` before and
+ * after; a copy has succeeded when dst->size > src->used. A capacity cannot pass 2^31 - 1; what
+ * would need more is refused in the same way, and so is every negative size or length.
  *
  * Except in buffer_calloc() a null buffer is allowed everywhere, and nothing is done.
  *
@@ -65,8 +65,8 @@ typedef uint32_t uint32; /**< 32 bits, unsigned */
 typedef uint64_t uint64; /**< 64 bits, unsigned */
 
 /** Always 0 <= used <= size. Appending, copying, shifting and writing leave a 0 behind the data, at
- * ptr[used]; buffer_calloc() and read_buffer() do not, and the latter may fill the storage to its
- * last byte. */
+ * ptr[used], when they change the data; buffer_calloc() and read_buffer() do not, and the latter
+ * may fill the storage to its last byte. */
 typedef struct buffer_t {
     char *ptr;    /**< the storage */
     int32_t size; /**< its capacity in bytes; never shrinks */

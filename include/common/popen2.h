@@ -42,7 +42,8 @@
  * What the command inherits: every open descriptor of the host that is not close-on-exec, with the
  * pipe ends of streams made earlier, the calling thread's signal mask and the host's ignored
  * signals: SIGPIPE, once the server of common/dmn_serv.h has run. A "w" command therefore sees no
- * end of file while a later command still runs.
+ * end of file while a later command still runs. Until the child has become the shell, it runs on
+ * the host's memory, and a signal sent to it then runs the host's handler there.
  *
  * The command line goes through the shell: never put into it what came from outside.
  *
@@ -74,9 +75,9 @@ FILE *popen2(char *program, char *type);
 
 /** Closes a stream of popen2() and sends SIGTERM to the process after the shell (see above), with
  * SIGINT, SIGQUIT and SIGHUP held back in the calling thread meanwhile.
- * @return 0 when the signal was sent, and -1 when it was not (no such process, or this one, both
- * ESRCH: the stream is closed all the same), or when iop is null or no stream of popen2(): it is
- * then left open */
+ * @return 0 when the signal was sent, with errno as it was, and -1 when it was not (no such
+ * process, or this one, both ESRCH: the stream is closed anyway), or when iop is null or no stream
+ * of popen2(): it is then left open */
 int pclose2(FILE *iop);
 
 #pragma GCC visibility pop

@@ -103,7 +103,7 @@ void *sha224_buffer(const char *buffer, size_t len, void *resblock);
 
 /** Writes the SHA-256 digest of all that can still be read from stream, from its position to its
  * end, 32 bytes, to resblock. An error counts only when a read delivers nothing; after a short read
- * the next one is tried. The stream is neither rewound nor closed. Uses 4.5 KiB of the caller's
+ * the next one is tried. The stream is neither rewound nor closed. Uses 4.7 KiB of the caller's
  * stack.
  * @return 0, or 1 on a read error, with resblock untouched */
 int sha256_stream(FILE *stream, void *resblock);
