@@ -135,21 +135,25 @@ void buffer_shift(buffer_t *b, int len);
 
 /* --- byte order ------------------------------------------------------------------------------- */
 
-/* The same call converts back. */
-
-/** @return the value whose 2 bytes in memory are those of _p, least significant first, on a
+/** Converts 2 bytes to or from little-endian order.
+ * @return the value whose 2 bytes in memory are those of _p, least significant first, on a
  * processor of either kind. */
 uint16 TO_WLE(uint16 _p);
-/** @return as TO_WLE(), of 4 bytes. */
+/** Converts 4 bytes to or from little-endian order.
+ * @return as TO_WLE(), of 4 bytes. */
 uint32 TO_DWLE(uint32 _p);
-/** @return as TO_WLE(), of 8 bytes. */
+/** Converts 8 bytes to or from little-endian order.
+ * @return as TO_WLE(), of 8 bytes. */
 uint64 TO_QWLE(uint64 _p);
-/** @return the value whose 2 bytes in memory are those of _p, most significant first (network byte
+/** Converts 2 bytes to or from network byte order.
+ * @return the value whose 2 bytes in memory are those of _p, most significant first (network byte
  * order), on a processor of either kind. */
 uint16 TO_WBE(uint16 _p);
-/** @return as TO_WBE(), of 4 bytes. */
+/** Converts 4 bytes to or from network byte order.
+ * @return as TO_WBE(), of 4 bytes. */
 uint32 TO_DWBE(uint32 _p);
-/** @return as TO_WBE(), of 8 bytes. */
+/** Converts 8 bytes to or from network byte order.
+ * @return as TO_WBE(), of 8 bytes. */
 uint64 TO_QWBE(uint64 _p);
 
 /* --- writers ---------------------------------------------------------------------------------- */

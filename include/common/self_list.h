@@ -71,7 +71,8 @@ static inline void list_del_init(list_head *entry)
     entry->prev = entry;
 }
 
-/** @return 1 when the list has no nodes, otherwise 0 */
+/** Whether the list has no nodes.
+ * @return 1 when the list has no nodes, otherwise 0 */
 static inline int list_empty(const list_head *head)
 {
     return head->next == head;
