@@ -27,7 +27,7 @@ static tService giServ = {-1, nullptr, false};
 static event_base *gipPthdEtBse;
 static int giServTcpFd = -1;
 static event *gipTcpServEt;
-static int giAcptFd = -1; // an accepted connection, until it stands in the registry
+static int giLoneFd = -1; // the connection of a client that is not in the registry yet, or no more
 
 // The registry, oldest connection first. Senders may come at any time, so its lock exists as long
 // as the library does; and a steady stream of them must not keep a client or a stop waiting, so
@@ -69,9 +69,10 @@ static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
     tClitNetCon *pClit = static_cast<tClitNetCon *>(aipArg);
     const int was = _registry_lock();
     list_del_init(&pClit->hnode);
-    service_free_event(&pClit->pClitEt);
-    (void)close(pClit->fd);
+    giLoneFd = pClit->fd;
     _registry_unlock(was);
+    service_free_event(&pClit->pClitEt);
+    service_close(&giLoneFd);
     free(pClit);
 }
 
@@ -95,7 +96,6 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
     tClitNetCon *pClit = static_cast<tClitNetCon *>(xzMalloc(sizeof(tClitNetCon)));
     if (pClit == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "xzMalloc() err!!!!\n");
-        service_close(&giAcptFd);
         return;
     }
     pClit->fd = aicAcptFd;
@@ -107,13 +107,12 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
     if (pClit->pClitEt == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
         free(pClit);
-        service_close(&giAcptFd);
         return;
     }
     (void)event_add(pClit->pClitEt, nullptr); // without it the client is served until the stop
     const int was = _registry_lock();
     list_add_tail(&pClit->hnode, &giContCltHd);
-    giAcptFd = -1;
+    giLoneFd = -1;
     _registry_unlock(was);
 }
 
@@ -126,16 +125,17 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
     sockaddr_un peer;
     socklen_t peerLen = sizeof peer;
     const int was = service_lock();
-    giAcptFd = accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen);
+    giLoneFd = service_own(accept(aiFd, reinterpret_cast<sockaddr *>(&peer), &peerLen));
     service_unlock(was);
-    if (giAcptFd == -1) {
+    if (giLoneFd == -1) {
         LOG_MSG(LOG_LEV_ERROR, "accept() err, msg=%s!!!!!!\n", strerror(errno));
         // Without a free descriptor the client stays in the queue, and the loop would be back here
         // at once. A signal may cut the pause short.
         (void)poll(nullptr, 0, gicAcceptPauseMs);
         return;
     }
-    _init_client_conn(giAcptFd, static_cast<event_base *>(aipArg));
+    _init_client_conn(giLoneFd, static_cast<event_base *>(aipArg));
+    service_close(&giLoneFd); // unless the registry has it now
 }
 
 // --- start and stop ---------------------------------------------------------------------------
@@ -166,7 +166,7 @@ static void _dmn_server_forget()
 {
     service_forget(&giServ, &giDmnServPthdId, &gipPthdEtBse);
     service_drop(&giServTcpFd);
-    service_drop(&giAcptFd);
+    service_drop(&giLoneFd);
     gipTcpServEt = nullptr;
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
@@ -188,7 +188,7 @@ static void *_dmn_server_func_pth(void *aipArg)
     thread_begin("kelvara_serv");
     if (aipArg == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
-    else if ((gipPthdEtBse = event_base_new()) == nullptr)
+    else if ((gipPthdEtBse = service_base(&giServ)) == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
     else if (_dmn_server_init(gipPthdEtBse, static_cast<tDmnServCfg *>(aipArg)) != 0)
         LOG_MSG(LOG_LEV_ERROR, "_dmn_server_init() err!!!!\n");

@@ -124,7 +124,7 @@ static void *_feddog_func_pth(void *aipArg)
     thread_begin("kelvara_dog");
     if (aipArg == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
-    else if ((gipFedDogEtBse = event_base_new()) == nullptr)
+    else if ((gipFedDogEtBse = service_base(&giServ)) == nullptr)
         LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
     else if (_feed_dog_init(gipFedDogEtBse, static_cast<tFeddogCfg *>(aipArg)) != 0)
         LOG_MSG(LOG_LEV_ERROR, "_feed_dog_init() err!!!!\n");

@@ -12,6 +12,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#ifndef SO_PASSRIGHTS
+#define SO_PASSRIGHTS 83 // of Linux 6.16; others refuse it
+#endif
+
 static pthread_mutex_t giServFdLk = PTHREAD_MUTEX_INITIALIZER;
 
 static void _service_before_fork()
@@ -43,7 +47,8 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
     if (err != 0)
         return err;
     const int was = service_lock();
-    *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC)), nullptr, false};
+    // Non-blocking, as libevent's debug mode wants it of every event's descriptor.
+    *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), nullptr, false};
     service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
@@ -61,10 +66,24 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
 {
     (void)pthread_cancel(aiPthdId); // a thread that ended by itself is joined all the same
-    while (eventfd_write(aiopServ->WakeFd, 1) == -1 && errno == EINTR)
-        ; // nothing else keeps an eventfd from taking a 1
+    (void)eventfd_write(aiopServ->WakeFd, 1); // its counter has room for every stop
     (void)pthread_join(aiPthdId, nullptr);
     service_close(&aiopServ->WakeFd);
+}
+
+event_base *service_base(const tService *aipcServ)
+{
+    int fds[3]; // epoll, and the two of its signal pipe
+    bool bEnough = true;
+    const int was = service_lock();
+    for (int &fd : fds) {
+        fd = fcntl(aipcServ->WakeFd, F_DUPFD_CLOEXEC, 0);
+        bEnough = bEnough && fd != -1;
+    }
+    for (int &fd : fds)
+        service_drop(&fd);
+    service_unlock(was);
+    return bEnough ? event_base_new() : nullptr;
 }
 
 bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
@@ -116,11 +135,24 @@ void service_forget(tService *aiopServ, pthread_t *aiopPthdId, event_base **aiop
     *aiopEtBse = nullptr;
 }
 
+int service_own(int aicFd)
+{
+    if (aicFd != -1)
+        (void)fcntl(aicFd, F_SETFD, FD_CLOEXEC); // fails on a bad descriptor only
+    return aicFd;
+}
+
 int service_socket(int *aopFd)
 {
     const int was = service_lock();
-    *aopFd = socket(AF_UNIX, SOCK_STREAM, 0);
+    *aopFd = service_own(socket(AF_UNIX, SOCK_STREAM, 0));
     service_unlock(was);
+    if (*aopFd == -1)
+        return -1;
+    // A passed descriptor that nobody takes is closed inside our read(), and closing may wait. What
+    // the socket accepts inherits the refusal. Older kernels do not know it.
+    const int off = 0;
+    (void)setsockopt(*aopFd, SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
     return *aopFd;
 }
 

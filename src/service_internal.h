@@ -33,6 +33,10 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 // Cancels, wakes and joins the thread.
 void service_stop(tService *aiopServ, pthread_t aiPthdId);
 
+// On the thread: makes a base, or gives null. libevent would end the process for want of the
+// descriptors that a base needs, so it is asked only while that many are free.
+event_base *service_base(const tService *aipcServ);
+
 // On the thread: runs the base until the loop fails or the exit call wakes it. False when the
 // wake-up could not be set up, and nothing was run.
 bool service_dispatch(tService *aiopServ, event_base *aipEtBse);
@@ -50,7 +54,11 @@ __attribute__((noinline)) void service_unlock(int aicWas);
 void service_drop(int *aiopFd);
 void service_forget(tService *aiopServ, pthread_t *aiopPthdId, event_base **aiopEtBse);
 
-// Makes a local stream socket; -1 with errno on failure.
+// Under the lock, right after the call that gave the descriptor (or -1, with errno): makes it
+// close-on-exec, and returns it.
+int service_own(int aicFd);
+
+// Makes a local stream socket that takes no descriptors from its peers; -1 with errno on failure.
 int service_socket(int *aopFd);
 
 // Fills the address and gives its length; 0 with errno ENAMETOOLONG when the path does not fit, and

@@ -115,25 +115,34 @@ TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
 {
     for (const bool unread : {false, true}) {
         gLogLevl = unread ? LOG_LEV_ERROR : LOG_LEV_OFF; // the close notice passes every threshold
-        EXPECT_EQ((unread ? "ERR dmn_serv: read() err, msg:Connection reset by peer!!!!\n"
-                          : "OFF dmn_serv: Remote close------\n") +
-                      gicStop,
-                  served([&] {
-                      const int stays = admitted(), leaves = admitted();
-                      if (unread)
-                          broadcast("u");
-                      drain(stays);
-                      const size_t fds = open_descriptors();
-                      close(leaves);
-                      EXPECT_TRUE(wait_until([&] { return open_descriptors() == fds - 2; }));
-                      calls_watch();
-                      broadcast("x");
-                      EXPECT_EQ(1U, calls_count("write"));
-                      calls_stop();
-                      EXPECT_EQ("x", read_bytes(stays, 1));
-                      dmn_server_exit();
-                      close(stays);
-                  }));
+        EXPECT_EQ(
+            (unread ? "ERR dmn_serv: read() err, msg:Connection reset by peer!!!!\n"
+                    : "OFF dmn_serv: Remote close------\n") +
+                gicStop,
+            served([&] {
+                const int stays = admitted(), leaves = admitted();
+                if (unread)
+                    broadcast("u");
+                drain(stays);
+                const size_t fds = open_descriptors();
+                std::thread sender; // while the server closes the connection
+                calls_watch([&](const tCall &call) {
+                    if (call.name == std::string("close")) {
+                        sender = std::thread([] { broadcast("x"); });
+                        EXPECT_TRUE(wait_until([] { return calls_count("write") == 1; }, 2000))
+                            << "a sender waits for more than the list";
+                    }
+                    return 0;
+                });
+                calls_uncounted([=] { close(leaves); });
+                EXPECT_TRUE(wait_until([&] { return open_descriptors() == fds - 2; }));
+                sender.join();
+                calls_stop();
+                EXPECT_EQ(1U, calls_count("write"));
+                EXPECT_EQ("x", read_bytes(stays, 1));
+                dmn_server_exit();
+                close(stays);
+            }));
     }
 }
 
@@ -190,6 +199,29 @@ TEST(DmnServ, ServesOnAHostsOwnBase)
         close(fd);
         EXPECT_EQ(fds, open_descriptors());
     }
+}
+
+// A closing socket may linger, and the server would wait for that inside its read().
+TEST(DmnServ, TakesNoDescriptorsFromItsClients)
+{
+    constexpr int passRights = 83; // SO_PASSRIGHTS
+    const int off = 0;
+    served([&] {
+        const int fd = admitted();
+        if (setsockopt(fd, SOL_SOCKET, passRights, &off, sizeof off) == 0) {
+            char byte = 'r';
+            iovec bytes = {&byte, 1};
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+            msghdr msg = {nullptr, 0, &bytes, 1, control, sizeof control, 0};
+            *CMSG_FIRSTHDR(&msg) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+            memcpy(CMSG_DATA(CMSG_FIRSTHDR(&msg)), &fd, sizeof fd);
+            EXPECT_EQ(-1, sendmsg(fd, &msg, 0));
+            EXPECT_EQ(EPERM, errno);
+        } else {
+            printf("the kernel is older than Linux 6.16\n");
+        }
+        close(fd);
+    });
 }
 
 // Only the kernel itself holds a program to its limit, and a sanitizer wants more than any.

@@ -242,12 +242,16 @@ TEST(Fork, OrphanRotates)
     output_of(log_system_exit);
 }
 
-// A parent's peers see its end although a child lives on; the child outlives the log pipe's reader.
+// A parent's peers see its end although a child and a command live on; the child outlives the log
+// pipe's reader.
 TEST(Fork, ChildHoldsNothingOfItsParent)
 {
     for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD}) {
         tParent parent(mode);
-        int ends[2];
+        int command = 0, ends[2];
+        FILE *shell = popen("sleep 60 >/dev/null & echo $!", "r");
+        ASSERT_EQ(1, fscanf(shell, "%d", &command));
+        pclose(shell);
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
         const pid_t pid = fork();
         if (pid == 0) {
@@ -272,6 +276,7 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
                 len = recv(fd, parent.got, sizeof parent.got, 0);
             EXPECT_EQ(0, len) << (fd == parent.fed ? "watchdog" : "client");
         }
+        EXPECT_EQ(0, kill(command, SIGKILL));
         close(ends[1]);
         int status = -1;
         EXPECT_EQ(pid, waitpid(pid, &status, 0));

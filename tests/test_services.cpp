@@ -5,6 +5,7 @@
 #include <common/popen2.h>
 #include <event2/event.h>
 #include <event2/thread.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
@@ -95,6 +96,19 @@ INSTANTIATE_TEST_SUITE_P(All, Stops,
                                     (std::get<1>(one.param) ? "_locked" : "");
                          });
 
+// All descriptors but so many.
+static std::vector<int> taken_but(unsigned left)
+{
+    std::vector<int> taken;
+    for (int fd = dup(0); fd != -1; fd = dup(0))
+        taken.push_back(fd);
+    for (; left > 0; --left) {
+        close(taken.back());
+        taken.pop_back();
+    }
+    return taken;
+}
+
 // What fails while a service is set up shows in the log only, exactly so; it is given back, the
 // thread reaped once, and the next start works.
 TEST(SetUp, FailuresShowInTheLogAlone)
@@ -104,6 +118,8 @@ TEST(SetUp, FailuresShowInTheLogAlone)
     set_path(serv.dmNme, "s");
     set_path(dogCfg.txFeddogHtDmNme, "d");
     const int dog = unix_listen(dogCfg.txFeddogHtDmNme);
+    const rlimit some = {64, 64};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &some));
     const struct tService {
         std::function<int(bool)> init; // with a configuration, or without
         int (*exit)();
@@ -115,7 +131,7 @@ TEST(SetUp, FailuresShowInTheLogAlone)
     const char servInit[] = "_dmn_server_init() err!!!!\n",
                dogInit[] = "_feed_dog_init() err!!!!\n",
                conn[] = "_unix_socket_connect() err!!!!\n",
-               create[] = "pthread_create() err, msg:%m\n";
+               create[] = "pthread_create() err, msg:%m\n", base[] = "event_base_new() err!!!!\n";
     const struct {
         const tService &service;
         const char *call;
@@ -123,8 +139,11 @@ TEST(SetUp, FailuresShowInTheLogAlone)
         int err;
         std::vector<std::string> said; // with "%m" for the error's text
     } table[] = {
-        {server, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
-        {server, "socket", 1, EMFILE, {"socket() err, msg=%m!!!!!!\n", servInit}},
+        {server, "event_base_new", 1, 1, {base}},
+        {server, "free descriptor", 1, 1, {base}},
+        {server, "free descriptor", 2, 1, {base}},
+        {server, "free descriptor", 3, 1, {base}},
+        {server, "free descriptor", 4, EMFILE, {"socket() err, msg=%m!!!!!!\n", servInit}},
         {server, "bind", 1, EACCES, {"bind() err, msg=%m!!!!!!\n", servInit}},
         {server, "listen", 1, EPERM, {"listen() err, msg=%m!!!!!!\n", servInit}},
         {server, "event_new", 1, 1, {"event_new() err!!!!\n", servInit}},
@@ -134,9 +153,10 @@ TEST(SetUp, FailuresShowInTheLogAlone)
         {server, "none", 1, 1, {"aipArg err!!!!\n"}},
         {server, "pthread_create", 1, EPERM, {create}},
         {server, "backtrace", 1, ELIBACC, {create}},
-        {server, "eventfd", 1, EMFILE, {create}},
-        {feeder, "event_base_new", 1, 1, {"event_base_new() err!!!!\n"}},
-        {feeder, "socket", 1, EMFILE, {"socket() err, msg:%m!!!!\n", conn, dogInit}},
+        {server, "free descriptor", 0, EMFILE, {create}},
+        {feeder, "event_base_new", 1, 1, {base}},
+        {feeder, "free descriptor", 3, 1, {base}},
+        {feeder, "free descriptor", 4, EMFILE, {"socket() err, msg:%m!!!!\n", conn, dogInit}},
         {feeder, "connect", 1, EPERM, {"connect() err, msg:%m!!!!!!", conn, dogInit}},
         {feeder, "event_new", 1, 1, {"event_new() err!!!!\n", dogInit}},
         {feeder, "event_new", 2, 1, {"evtimer_new() err!!!!\n", dogInit}},
@@ -159,11 +179,16 @@ TEST(SetUp, FailuresShowInTheLogAlone)
             wanted += "OFF" + service.tag + "Wait " + service.thread + " pthread stop------\nOFF" +
                       service.tag + service.thread + " pthread already stop------\n";
         EXPECT_EQ(wanted, tagged(output_of([&] {
+                      std::vector<int> taken;
+                      if (row.call == std::string("free descriptor"))
+                          taken = taken_but(row.nth);
                       calls_watch(calls_fail(row.call, row.nth, row.err));
                       EXPECT_EQ(starts ? 0 : -11, service.init(row.call != std::string("none")));
                       EXPECT_TRUE(
                           wait_until([&] { return !starts || calls_count("pthread_exit") == 1; }));
                       calls_stop();
+                      for (const int fd : taken)
+                          close(fd);
                       timed_exit(service.exit);
                   })));
         if (starts)
