@@ -146,7 +146,10 @@ TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
             event_base_loop(base, EVLOOP_ONCE);
         EXPECT_EQ(1U, calls_count("write"));
         calls_stop();
-        EXPECT_EQ("", output_of([] { self_feddog_exit(); }));
+        const auto exitCb = [](int, short, void *) { EXPECT_EQ(0, self_feddog_exit()); };
+        const timeval now = {0, 0};
+        event_base_once(base, -1, EV_TIMEOUT, exitCb, nullptr, &now);
+        EXPECT_EQ("", output_of([=] { event_base_dispatch(base); }));
         EXPECT_EQ(0, event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED));
         event_base_free(base);
     }).join();

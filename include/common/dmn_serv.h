@@ -21,7 +21,9 @@
  * and exit belong to one host thread. There is one server a process.
  *
  * What blocks: no broadcast ever waits for a client. dmn_server_exit() waits for the server thread
- * and for broadcasts in progress.
+ * and for broadcasts in progress. The server thread inherits scheduling policy and priority of the
+ * thread that calls dmn_server_init(): start it from a normal thread, because a client that sends
+ * without pause keeps the server thread busy, and at a real-time priority the processor with it.
  *
  * What is lost: a client that does not read loses what its socket buffer cannot take, possibly a
  * part of a message, without notice to anybody; the other clients are not touched by it.
@@ -31,7 +33,8 @@
  * wait in the queue. Raise the limit first (system_set_rlimit() in common/xfuncs.h).
  *
  * A client that is killed shows like one that closes: as "Remote close------" when it had read
- * everything, and as a read error otherwise.
+ * everything, and as a read error otherwise. The first is logged at every threshold: a client that
+ * connects and closes in a loop pushes everything else out of the log files.
  *
  * A child made by fork() has no server, no clients, and none of their sockets; its parent keeps
  * them all. It may call every function: a broadcast reaches nobody, dmn_server_exit() finds nothing
@@ -41,16 +44,24 @@
  * to be used there, nor reinitialised. Do not fork in a signal handler. Keep descriptors 0 to 2
  * open, so that no client gets the console's number.
  *
- * The whole process ignores SIGPIPE from the first start of the server on. Do not set it back: a
+ * The whole process ignores SIGPIPE from the moment the server first listens. Do not set it back: a
  * broadcast to a client that has just left would end the process. The socket file stays behind at
  * exit; a start replaces whatever stands at its path, a regular file too. The server's descriptors
- * are inherited by programs that the host starts with exec, as no close-on-exec flag is set on
- * them.
+ * are close-on-exec; only a program that is started between a descriptor's creation and the next
+ * system call inherits it.
  *
- * The library leaves linking libevent to the host (event_core is enough).
+ * The library leaves linking libevent to the host (event_core is enough). A server cannot run under
+ * event_enable_debug_mode(), which aborts the process because the listening socket blocks.
+ *
+ * libevent ends the process when it finds no descriptor for its signal pipe. The server thread
+ * makes sure of the three descriptors that an event base needs, but another thread may take them at
+ * that moment: keep ten free.
  *
  * A client gets what is broadcast after the server has put it into its list, shortly after its
- * connect(). Whoever may write to the socket file may connect: protect it by its folder.
+ * connect(). Whoever may write to the socket file may connect: protect it by its folder. Before
+ * Linux 6.16 a client can also block the server thread, and with it dmn_server_exit(), as long as
+ * it likes: it passes a socket of its own that lingers on close (SCM_RIGHTS, SO_LINGER). Later
+ * kernels let the server refuse passed descriptors.
  *
  * Every program that links the library defines gLogLevl: see common/self_log.h.
  *

@@ -17,7 +17,8 @@
  * Threads: init and exit belong to one host thread; there is one client a process. The record is
  * read by the client thread at every heartbeat: leave it unchanged until exit has returned.
  *
- * What blocks: nothing but self_feddog_exit(), which waits for the client thread.
+ * What blocks: nothing but self_feddog_exit(), which waits for the client thread. That thread
+ * inherits scheduling policy and priority of the one that calls self_feddog_init().
  *
  * What is lost: connecting is tried once, with no retry. When the watchdog closes its end that is
  * logged once, and the heartbeats that follow reach nobody: start the client again. Heartbeats
@@ -26,7 +27,7 @@
  *
  * A child made by fork() has no client, and its parent keeps its own. It may call every function:
  * self_feddog_exit() finds nothing to stop, self_feddog_init() connects anew. What else holds there
- * stands in common/dmn_serv.h.
+ * is said in common/dmn_serv.h, and also how many descriptors a start needs.
  *
  * The library leaves linking libevent to the host (event_core is enough).
  *
@@ -131,8 +132,9 @@ int self_feddog_init(tFeddogCfg *const aipcFeddogCfg);
 
 /** Connects to the watchdog and arms the read event and the heartbeat timer on aipEtBse. The client
  * thread calls it; a host may, on an event base of its own that the same thread dispatches, and
- * ends it with self_feddog_exit() while the base exists and nobody dispatches it; the base stays
- * the host's. What was made before a failure stays until self_feddog_exit().
+ * ends it with self_feddog_exit() while the base exists, in a callback of this base or while
+ * nobody dispatches it; the base stays the host's. What was made before a failure stays until
+ * self_feddog_exit().
  * @return 0, -4096 (no socket), -4098 (connect; also an empty path, reported as EINVAL, and one of
  * more than 107 characters, ENAMETOOLONG) or -13 (an event), each logged */
 int _feed_dog_init(struct event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg);
