@@ -18,7 +18,6 @@
 #include <common/dmn_serv.h>
 #include <common/self_fifo.h>
 #include <common/self_log.h>
-#include <common/xfuncs.h>
 
 #include <cerrno>
 #include <csignal>
@@ -139,6 +138,11 @@ static void _parse_options(int argc, char **argv)
         tool_answer('?', "gnssd", gicUsage);
 }
 
+static eLogLevl _level(const tGnssdCfg *aipcCfg)
+{
+    return static_cast<eLogLevl>(giOpt.level != -1 ? giOpt.level : aipcCfg->level);
+}
+
 static int _configure(void)
 {
     const int result = gnssd_cfg_load(&giCfg, giOpt.config);
@@ -147,7 +151,23 @@ static int _configure(void)
         giCfg.kind = SRC_FILE;
     if (giOpt.rate != -1)
         giCfg.rate = giOpt.rate;
-    gLogLevl = static_cast<eLogLevl>(giOpt.level != -1 ? giOpt.level : giCfg.level);
+    gLogLevl = _level(&giCfg);
+    return result;
+}
+
+// The log's thread inherits the mask, and then takes no signal. Those that end the program stay
+// open: log_system_init() prints, and a full console would hold it, and the end with it, for ever.
+static int _start_log(const tLogCfg *aipcCfg)
+{
+    sigset_t set;
+    sigset_t was;
+    sigemptyset(&set);
+    sigaddset(&set, SIGHUP);
+    sigaddset(&set, SIGUSR1);
+    sigaddset(&set, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &set, &was);
+    const int result = log_system_init(aipcCfg);
+    pthread_sigmask(SIG_SETMASK, &was, nullptr);
     return result;
 }
 
@@ -187,6 +207,7 @@ static void _take_sentences(buffer_t *aipBuf, const bool aibLast)
 
 static void *_read_thread(void *)
 {
+    (void)pthread_setname_np(pthread_self(), "gnssd reader"); // for top -H and core dumps
     buffer_t *buf = buffer_init(4096);
     giReadErr = ENOMEM;
     giEndedBy = buf != nullptr ? SRC_BYTES : SRC_FAIL;
@@ -201,7 +222,7 @@ static void *_read_thread(void *)
     return nullptr;
 }
 
-// The main thread alone takes the signals.
+// The main thread takes the signals.
 static int _start_reader(void)
 {
     sigset_t all;
@@ -307,32 +328,35 @@ static void _stop(void)
 static void _renew_log(void)
 {
     log_system_exit();
-    if (log_system_init(&giCfg.log) != 0) {
+    if (_start_log(&giCfg.log) != 0) {
         tLogCfg console = giCfg.log;
+        console.logRunMd = LOG_RUN_MAIN_PROGRESS;
         console.stdoutLogSwt = LOG_SWITCH_ON;
         console.fileLogSwt = LOG_SWITCH_OFF;
         log_system_exit();
-        (void)log_system_init(&console); // without a file it has nothing to refuse
+        (void)_start_log(&console); // needs neither a file nor a pipe
         LOG_MSG(LOG_LEV_ERROR, "no log file, until the next SIGHUP!!!!\n");
     }
     static tGnssdCfg fresh;
     if (gnssd_cfg_load(&fresh, giOpt.config) == 0)
-        set_global_log_level(static_cast<eLogLevl>(fresh.level));
+        set_global_log_level(_level(&fresh));
 }
 
+// However often a signal came, it is answered once, so that the rest of the loop gets its turns.
 static void _signal_cb(int aiFd, short, void *)
 {
-    char number = 0;
-    while (read(aiFd, &number, 1) == 1) {
-        if (number == SIGHUP)
-            _renew_log();
-        else if (number == SIGUSR1 && gLogLevl < LOG_LEV_MAX)
-            set_global_log_level(static_cast<eLogLevl>(gLogLevl + 1));
-        else if (number == SIGUSR2 && gLogLevl > LOG_LEV_OFF)
-            set_global_log_level(static_cast<eLogLevl>(gLogLevl - 1));
-        else if (number == SIGINT || number == SIGTERM)
-            _stop();
+    uint64_t count;
+    (void)!read(aiFd, &count, sizeof count); // it is readable, and no other thread reads it
+    if (tool_signal_came(SIGINT) || tool_signal_came(SIGTERM)) {
+        _stop();
+        return;
     }
+    if (tool_signal_came(SIGHUP))
+        _renew_log();
+    if (tool_signal_came(SIGUSR1) && gLogLevl < LOG_LEV_MAX)
+        set_global_log_level(static_cast<eLogLevl>(gLogLevl + 1));
+    if (tool_signal_came(SIGUSR2) && gLogLevl > LOG_LEV_OFF)
+        set_global_log_level(static_cast<eLogLevl>(gLogLevl - 1));
 }
 
 // --- Start and stop -----------------------------------------------------------------------------
@@ -406,13 +430,13 @@ static void _release(void)
 
 static int _run(const int aicSignalFd)
 {
-    (void)system_set_rlimit(); // logged; the limit that we have will mostly do
     // A command is started before everything that it should not inherit.
     int result = source_open(&giSource, giCfg.kind, gipInput, giCfg.baudRate);
     if (result != 0)
         return result;
     result = _work(aicSignalFd);
-    if (source_close(&giSource, giEndedBy == SRC_END) != 0 && result == 0)
+    // A stop from a terminal or a service manager also goes to the command: no failure of its own.
+    if (source_close(&giSource, giEndedBy == SRC_END && !gibStop) != 0 && result == 0)
         result = -ERR_FREAD_DMN;
     _release();
     return result;
@@ -426,7 +450,7 @@ int main(int argc, char **argv)
     const int signalFd = tool_signals(signals); // early: SIGHUP would end us
     if (_configure() != 0)
         return EXIT_FAILURE;
-    if (signalFd == -1 || log_system_init(&giCfg.log) != 0) {
+    if (signalFd == -1 || _start_log(&giCfg.log) != 0) {
         log_system_exit();
         fprintf(stderr, "gnssd: no log, msg:%s\n", strerror(errno));
         return EXIT_FAILURE;

@@ -10,11 +10,13 @@
 
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-static constexpr struct timeval gicPeriod = {1, 0}; // between two looks
+static constexpr time_t gicPeriodSec = 1;   // between two looks
+static constexpr time_t gicLongestSec = 16; // when the watchdog hangs: doubled from look to look
 
 static struct event_base *gipBase;
 static struct event *gipLookEt;
 static tFeddogCfg *gipCfg;
+static time_t giPeriodSec = gicPeriodSec;
 static bool gibTold; // that there is no watchdog
 
 // The connection is the one socket of the loop whose own end has no name and whose other end has
@@ -31,21 +33,44 @@ static int _is_connection(const struct event_base *, const struct event *aipEven
            getpeername(fd, reinterpret_cast<struct sockaddr *>(&addr), &other) == 0 && other > none;
 }
 
-// The library would log every failed try, so it is asked only when somebody is there.
+// A watchdog that hangs, or a socket of another kind, refuses the connection. The library logs each
+// of these failures: let it do so once. Only this thread logs.
+static bool _connect(void)
+{
+    const eLogLevl was = gLogLevl;
+    if (gibTold)
+        gLogLevl = LOG_LEV_OFF;
+    const bool bDone = _feed_dog_init(gipBase, gipCfg) == 0;
+    gLogLevl = was;
+    return bDone;
+}
+
+// Returns how many seconds the next look may wait.
+static time_t _look(void)
+{
+    const char *const path = gipCfg->txFeddogHtDmNme;
+    if (event_base_foreach_event(gipBase, _is_connection, nullptr) != 0)
+        return gicPeriodSec;
+    self_feddog_exit(); // what the last connection has left
+    const int err = sockfile_probe(path);
+    if (err == 0 && _connect()) {
+        LOG_MSG(LOG_LEV_RUN, "heartbeats go to %s------\n", path);
+        gibTold = false;
+        return gicPeriodSec;
+    }
+    if (err != 0 && !gibTold)
+        LOG_MSG(LOG_LEV_ERROR, "no watchdog at %s yet, msg:%s!!!!\n", path, strerror(err));
+    gibTold = true;
+    if (err != 0)
+        return gicPeriodSec;
+    return giPeriodSec < gicLongestSec ? giPeriodSec * 2 : gicLongestSec;
+}
+
 static void _look_cb(int, short, void *)
 {
-    if (event_base_foreach_event(gipBase, _is_connection, nullptr) != 0)
-        return;
-    self_feddog_exit(); // what the last connection has left
-    const int err = sockfile_probe(gipCfg->txFeddogHtDmNme);
-    if (err == 0 && _feed_dog_init(gipBase, gipCfg) == 0) {
-        LOG_MSG(LOG_LEV_RUN, "heartbeats go to %s------\n", gipCfg->txFeddogHtDmNme);
-        gibTold = false;
-    } else if (err != 0 && !gibTold) { // otherwise the library has said why
-        LOG_MSG(LOG_LEV_ERROR, "no watchdog at %s yet, msg:%s!!!!\n", gipCfg->txFeddogHtDmNme,
-                strerror(err));
-        gibTold = true;
-    }
+    giPeriodSec = _look();
+    const struct timeval wait = {giPeriodSec, 0};
+    (void)event_add(gipLookEt, &wait); // fails without memory: then the last period stays
 }
 
 int heartbeat_start(struct event_base *aipBase, tFeddogCfg *aipCfg)
@@ -53,7 +78,8 @@ int heartbeat_start(struct event_base *aipBase, tFeddogCfg *aipCfg)
     gipBase = aipBase;
     gipCfg = aipCfg;
     gipLookEt = event_new(aipBase, -1, EV_PERSIST, _look_cb, nullptr);
-    if (gipLookEt == nullptr || event_add(gipLookEt, &gicPeriod) == -1) {
+    const struct timeval wait = {giPeriodSec, 0};
+    if (gipLookEt == nullptr || event_add(gipLookEt, &wait) == -1) {
         LOG_MSG(LOG_LEV_ERROR, "evtimer_new() err!!!!\n");
         heartbeat_stop();
         return -ERR_EVENT_NEW_DOG;

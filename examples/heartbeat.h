@@ -4,7 +4,8 @@
  *
  * The library's watchdog client runs on the event loop that does the work: a loop that hangs, for
  * whatever reason, sends no heartbeat. The library connects once; so look every second whether the
- * connection is there, and make it anew if not.
+ * connection is there, and make it again if not. A watchdog that hangs, so that it refuses the
+ * connection, is tried less and less often, down to every 16 seconds. A failure is logged once.
  */
 #ifndef KELVARA_EXAMPLES_HEARTBEAT_H
 #define KELVARA_EXAMPLES_HEARTBEAT_H

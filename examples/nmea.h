@@ -8,12 +8,13 @@
  *     while (pos += nmea_next(data + pos, len - pos, false, &item), item.kind != NMEA_MORE)
  *         ... item.text, item.len ...
  *
- * A sentence is '$', or '!' before the encapsulated ones of AIS, then printable 7-bit characters
- * other than '$' and '*', then '*' and two hexadecimal digits: the XOR of what stands between. It
- * is over with its second digit, whatever follows. Everything outside of sentences is noise and
- * passed over: line ends, comments, binary messages. A sentence that is broken off by a line end, a
- * control character or the '$' of the next one is bad, and so is one that goes on for too long; the
- * search goes on where it stopped, or at the first '!' in it.
+ * A sentence is '$', or '!' before the encapsulated ones of AIS, then a capital letter and further
+ * printable 7-bit characters other than '$' and '*', then '*' and two hexadecimal digits: the XOR
+ * of the characters between. It ends with its second digit, whatever follows. Everything outside of
+ * sentences is noise and skipped: line ends, comments, binary messages, in which the first
+ * character alone would be too frequent a sign of a sentence. A sentence that is broken off by a
+ * line end, a control character or the '$' of the next one is bad, and so is one that goes on for
+ * too long; the search goes on where it stopped, or at the first '!' in it.
  */
 #ifndef KELVARA_EXAMPLES_NMEA_H
 #define KELVARA_EXAMPLES_NMEA_H
@@ -54,6 +55,14 @@ inline bool _nmea_body(const char aicChar)
     return aicChar >= ' ' && aicChar <= '~' && aicChar != '$' && aicChar != '*';
 }
 
+/* True if a sentence begins with the first of the aicLen bytes, or may do so when more follow. */
+inline bool _nmea_begins(const char *const aipcData, const int aicLen, const bool aibLast)
+{
+    if (aipcData[0] != '$' && aipcData[0] != '!')
+        return false;
+    return aicLen > 1 ? aipcData[1] >= 'A' && aipcData[1] <= 'Z' : !aibLast;
+}
+
 /* Looks at the aicLen bytes at aipcData for the first sentence, good or bad, and returns how many
  * bytes are done with: up to and including the sentence, or, with NMEA_MORE, up to the start of
  * the incomplete one, which is never longer than gicNmeaMax. aibLast: nothing will follow, so what
@@ -65,7 +74,7 @@ inline int nmea_next(const char *const aipcData, const int aicLen, const bool ai
     if (aicLen <= 0)
         return 0;
     int noise = 0;
-    while (noise < aicLen && aipcData[noise] != '$' && aipcData[noise] != '!')
+    while (noise < aicLen && !_nmea_begins(aipcData + noise, aicLen - noise, aibLast))
         noise++;
     if (noise == aicLen)
         return aicLen;
@@ -91,8 +100,6 @@ inline int nmea_next(const char *const aipcData, const int aicLen, const bool ai
         aopItem->why = end < left && _nmea_body(text[end]) ? "too long" : "cut short";
     else if (end < star + 3)
         aopItem->why = "no check digits";
-    else if (star == 1)
-        aopItem->why = "empty";
     else if (xorCheckSum(text + 1, text + star - 1) != static_cast<char>(sum))
         aopItem->why = "wrong checksum";
     else

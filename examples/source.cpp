@@ -65,9 +65,8 @@ static pid_t _read_number(FILE *aipStream)
     return static_cast<pid_t>(strtol(line, nullptr, 10));
 }
 
-// pclose2() signals the process numbered one above the shell. That is the command if the shell
-// makes a child for it, and if no process or thread came in between; so the command runs in a
-// subshell, which first tells both numbers.
+// pclose2() would signal the process numbered one above the shell without knowing what that is. So
+// the command runs in a subshell, which first prints both numbers.
 static int _open_command(tSource *aopSrc, const char *aicpcCommand)
 {
     char program[1024];
@@ -150,32 +149,30 @@ eSrcResult source_gather(const tSource *aipSrc, buffer_t *aipBuf, int aicStopFd)
     return SRC_FAIL;
 }
 
-// Nobody but us reaps the shell.
-static int _reap_shell(const pid_t aicShell, int *aopStatus)
+// True once the shell has ended. No other thread reaps it.
+static bool _reap_shell(const pid_t aicShell, const int aicWaitMs, int *aopStatus)
 {
-    for (int ms = 0; ms < gicReapMs; ms += 10) {
+    for (int ms = 0;; ms += 10) {
         const pid_t pid = waitpid(aicShell > 0 ? aicShell : -1, aopStatus, WNOHANG);
-        if (pid != 0)
-            return pid > 0 ? 0 : -1;
+        if (pid != 0 || ms >= aicWaitMs)
+            return pid > 0;
         poll(nullptr, 0, 10);
     }
-    return -1;
 }
 
+// The shell waits for the command, so while it runs the command's number belongs to the command.
+// Once it has ended, any process may have that number.
 static int _close_command(tSource *aipSrc, const bool aibEnded)
 {
     int status = 0;
-    const bool bReaped = aibEnded && _reap_shell(aipSrc->shell, &status) == 0;
-    if (!bReaped && aipSrc->child == aipSrc->shell + 1) {
-        pclose2(aipSrc->stream); // -1 only tells that the command has ended already
-    } else {
-        if (!bReaped && aipSrc->child > 0)
-            kill(aipSrc->child, SIGTERM);
-        fclose(aipSrc->stream);
-    }
-    if (!bReaped && _reap_shell(aipSrc->shell, &status) != 0)
+    bool bReaped = _reap_shell(aipSrc->shell, aibEnded ? gicReapMs : 0, &status);
+    if (!bReaped && aipSrc->child > 0)
+        (void)kill(aipSrc->child, SIGTERM); // fails when it has ended at this moment
+    (void)fclose(aipSrc->stream);           // only read
+    bReaped = bReaped || _reap_shell(aipSrc->shell, gicReapMs, &status);
+    if (!bReaped)
         LOG_MSG(LOG_LEV_WARN, "the command has not ended, it is left alone\n");
-    if (!bReaped || status == 0)
+    if (!bReaped || !aibEnded || status == 0)
         return 0;
     if (WIFEXITED(status))
         LOG_MSG(LOG_LEV_ERROR, "the command ended with status %d!!!!\n", WEXITSTATUS(status));

@@ -6,12 +6,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 static constexpr suseconds_t gicGraceUs = 900000; // from the signal to the forced end
 
-static int giSignalPipe[2] = {-1, -1};
+static int giSignalFd = -1; // an eventfd: not zero after a signal
+static volatile sig_atomic_t gibCame[NSIG];
 static volatile sig_atomic_t gibEnding;
 
 void tool_answer(int aicOpt, const char *aicpcName, const char *aicpcUsage)
@@ -40,6 +43,7 @@ int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcT
 // signals. A handler may call all of this; setitimer() too, in glibc.
 static void _on_signal(int aiSignal)
 {
+    const uint64_t one = 1;
     const int saved = errno;
     if (aiSignal == SIGALRM)
         _exit(EXIT_FAILURE);
@@ -48,34 +52,63 @@ static void _on_signal(int aiSignal)
         gibEnding = 1;
         (void)setitimer(ITIMER_REAL, &grace, nullptr); // fails for a bad time only
     }
-    const char number = static_cast<char>(aiSignal);
-    (void)!write(giSignalPipe[1], &number, sizeof number); // a full pipe is readable all the same
+    gibCame[aiSignal] = 1;
+    (void)!write(giSignalFd, &one, sizeof one); // only a full counter refuses: it is readable
     errno = saved;
 }
 
-static void _catch(const int *aicpcSignals)
+// The parent may have left the signal blocked.
+static void _handle(const int aicSignal, void (*aipHandler)(int))
 {
     struct sigaction action = {};
-    action.sa_handler = _on_signal;
+    sigset_t set;
+    action.sa_handler = aipHandler;
     action.sa_flags = SA_RESTART;
-    for (; *aicpcSignals != 0; aicpcSignals++)
-        (void)sigaction(*aicpcSignals, &action, nullptr); // fails for a bad number only
+    sigemptyset(&set);
+    sigaddset(&set, aicSignal);
+    (void)sigaction(aicSignal, &action, nullptr); // these fail for a bad number only
+    (void)pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// What is opened later must not get the number of a closed standard descriptor, or it would also
+// get what is printed. A folder serves as well: it can neither be read nor written.
+static bool _fill_standard_descriptors(void)
+{
+    for (;;) {
+        int fd = open("/dev/null", O_RDWR);
+        if (fd == -1)
+            fd = open("/", O_RDONLY);
+        if (fd == -1)
+            return false;
+        if (fd > STDERR_FILENO) {
+            (void)close(fd); // nothing was written
+            return true;
+        }
+    }
 }
 
 int tool_signals(const int *aicpcMore)
 {
-    static const int always[] = {SIGINT, SIGTERM, SIGALRM, 0};
-    // What is opened next would get a closed standard descriptor, and what is printed with it.
-    int fd;
-    while ((fd = open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO)
-        continue;
-    if (fd > STDERR_FILENO)
-        (void)close(fd); // nothing was written
-    if (pipe2(giSignalPipe, O_CLOEXEC | O_NONBLOCK) == -1)
+    if (!_fill_standard_descriptors())
         return -1;
-    _catch(always);
-    _catch(aicpcMore);
-    return giSignalPipe[0];
+    giSignalFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (giSignalFd == -1)
+        return -1;
+    _handle(SIGINT, _on_signal);
+    _handle(SIGTERM, _on_signal);
+    _handle(SIGALRM, _on_signal);
+    for (; *aicpcMore != 0; ++aicpcMore)
+        _handle(*aicpcMore, _on_signal);
+    _handle(SIGCHLD, SIG_DFL); // ignored, it would take away the ends of children
+    return giSignalFd;
+}
+
+bool tool_signal_came(int aicSignal)
+{
+    if (gibCame[aicSignal] == 0)
+        return false;
+    gibCame[aicSignal] = 0;
+    return true;
 }
 
 uint64_t tool_now_ns(clockid_t aicClock)

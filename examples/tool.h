@@ -19,12 +19,16 @@
 int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcText, int aicMin,
                 int aicMax);
 
-/* Opens a closed standard input, output or error on /dev/null. Catches SIGINT and SIGTERM, and the
- * signals of the list, which a 0 ends. Returns a descriptor from which each can be read as one
- * byte, its number, or -1. From the first SIGINT or SIGTERM on the program has 0.9 s: then it is
- * ended with status 1, wherever it hangs. Threads that are started later should have these signals
- * blocked. */
+/* Opens a closed standard input, output or error on /dev/null, or on the root folder. Catches
+ * SIGINT and SIGTERM, and the signals of the list, which a 0 ends; sets SIGCHLD to its default.
+ * Returns an eventfd that is readable after a signal, or -1 with errno. From the first SIGINT or
+ * SIGTERM on the program has 0.9 s: then it is ended with status 1, wherever it hangs. Threads that
+ * are started later should have these signals blocked. */
 int tool_signals(const int *aicpcMore);
+
+/* Tells whether the signal came since the last question, once or several times. Read the eventfd
+ * first. */
+bool tool_signal_came(int aicSignal);
 
 /* The clock in nanoseconds. */
 uint64_t tool_now_ns(clockid_t aicClock);
