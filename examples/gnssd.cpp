@@ -5,7 +5,8 @@
 // Threads: the reader cuts the input into sentences, and does nothing else that may wait; the main
 // thread does the rest on one event loop: server, heartbeats, signals, log, and the broadcasting
 // itself. So a heartbeat says that the sentences get out. A FIFO stands between the two, so that a
-// paced replay holds up the reader and nobody else.
+// paced replay holds up the reader only. A third thread does nothing but take the signals: they
+// interrupt no other one, the log's neither, and end the program also when the others hang.
 #include "framing.h"
 #include "gnssd_cfg.h"
 #include "heartbeat.h"
@@ -155,20 +156,22 @@ static int _configure(void)
     return result;
 }
 
-// The log's thread inherits the mask, and then takes no signal. Those that end the program stay
-// open: log_system_init() prints, and a full console would hold it, and the end with it, for ever.
-static int _start_log(const tLogCfg *aipcCfg)
+static void *_signal_thread(void *)
 {
-    sigset_t set;
-    sigset_t was;
-    sigemptyset(&set);
-    sigaddset(&set, SIGHUP);
-    sigaddset(&set, SIGUSR1);
-    sigaddset(&set, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &set, &was);
-    const int result = log_system_init(aipcCfg);
-    pthread_sigmask(SIG_SETMASK, &was, nullptr);
-    return result;
+    (void)pthread_setname_np(pthread_self(), "gnssd signals"); // for top -H and core dumps
+    for (;;)
+        pause();
+}
+
+// This thread, and those that it starts from now on, take no signals.
+static bool _start_signal_thread(void)
+{
+    pthread_t id;
+    sigset_t all;
+    errno = pthread_create(&id, nullptr, _signal_thread, nullptr);
+    sigfillset(&all);
+    (void)pthread_sigmask(SIG_SETMASK, &all, nullptr); // fails for a bad argument only
+    return errno == 0;
 }
 
 // --- The reader ---------------------------------------------------------------------------------
@@ -207,7 +210,7 @@ static void _take_sentences(buffer_t *aipBuf, const bool aibLast)
 
 static void *_read_thread(void *)
 {
-    (void)pthread_setname_np(pthread_self(), "gnssd reader"); // for top -H and core dumps
+    (void)pthread_setname_np(pthread_self(), "gnssd reader");
     buffer_t *buf = buffer_init(4096);
     giReadErr = ENOMEM;
     giEndedBy = buf != nullptr ? SRC_BYTES : SRC_FAIL;
@@ -222,15 +225,9 @@ static void *_read_thread(void *)
     return nullptr;
 }
 
-// The main thread takes the signals.
 static int _start_reader(void)
 {
-    sigset_t all;
-    sigset_t was;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &was);
     const int err = pthread_create(&giReader, nullptr, _read_thread, nullptr);
-    pthread_sigmask(SIG_SETMASK, &was, nullptr);
     gibReading = err == 0;
     if (err == 0)
         return 0;
@@ -328,13 +325,13 @@ static void _stop(void)
 static void _renew_log(void)
 {
     log_system_exit();
-    if (_start_log(&giCfg.log) != 0) {
+    if (log_system_init(&giCfg.log) != 0) {
         tLogCfg console = giCfg.log;
         console.logRunMd = LOG_RUN_MAIN_PROGRESS;
         console.stdoutLogSwt = LOG_SWITCH_ON;
         console.fileLogSwt = LOG_SWITCH_OFF;
         log_system_exit();
-        (void)_start_log(&console); // needs neither a file nor a pipe
+        (void)log_system_init(&console); // needs neither a file nor a pipe
         LOG_MSG(LOG_LEV_ERROR, "no log file, until the next SIGHUP!!!!\n");
     }
     static tGnssdCfg fresh;
@@ -448,9 +445,13 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0); // also a console that is a pipe or a file shows each line
     _parse_options(argc, argv);
     const int signalFd = tool_signals(signals); // early: SIGHUP would end us
+    if (signalFd == -1 || !_start_signal_thread()) {
+        fprintf(stderr, "gnssd: no signals, msg:%s\n", strerror(errno));
+        return EXIT_FAILURE;
+    }
     if (_configure() != 0)
         return EXIT_FAILURE;
-    if (signalFd == -1 || _start_log(&giCfg.log) != 0) {
+    if (log_system_init(&giCfg.log) != 0) {
         log_system_exit();
         fprintf(stderr, "gnssd: no log, msg:%s\n", strerror(errno));
         return EXIT_FAILURE;

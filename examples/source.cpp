@@ -77,7 +77,12 @@ static int _open_command(tSource *aopSrc, const char *aicpcCommand)
         LOG_MSG(LOG_LEV_ERROR, "the command is too long!!!!\n");
         return -1;
     }
+    sigset_t none;
+    sigset_t was;
+    sigemptyset(&none);
+    (void)pthread_sigmask(SIG_SETMASK, &none, &was); // the command is to take signals
     aopSrc->stream = popen2(program, mode);
+    (void)pthread_sigmask(SIG_SETMASK, &was, nullptr);
     if (aopSrc->stream == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "popen2(%s) err, msg:%s!!!!\n", aicpcCommand, strerror(errno));
         return -1;

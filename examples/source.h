@@ -38,8 +38,7 @@ typedef enum _eSrcResult_ {
 
 /* Opens the source; aicpcPath is the path or the command line. Returns 0, -6 (ERR_FOPEN_DMN), -8
  * (ERR_OPEN_TTY_DMN: no terminal, or no such baud rate) or -5 (ERR_CREATE_PIPE_DMN). Open a command
- * before other threads and the server are started: it inherits what is blocked, ignored and open.
- */
+ * before other threads and the server are started: it inherits what is ignored and open. */
 int source_open(tSource *aopSrc, eSrcKind aicKind, const char *aicpcPath, int aicBaudRate);
 
 /* Waits for input or for aicStopFd, and appends what is there to the buffer. Logs nothing. */

@@ -14,7 +14,7 @@
 static constexpr suseconds_t gicGraceUs = 900000; // from the signal to the forced end
 
 static int giSignalFd = -1; // an eventfd: not zero after a signal
-static volatile sig_atomic_t gibCame[NSIG];
+static int gibCame[NSIG];
 static volatile sig_atomic_t gibEnding;
 
 void tool_answer(int aicOpt, const char *aicpcName, const char *aicpcUsage)
@@ -52,7 +52,7 @@ static void _on_signal(int aiSignal)
         gibEnding = 1;
         (void)setitimer(ITIMER_REAL, &grace, nullptr); // fails for a bad time only
     }
-    gibCame[aiSignal] = 1;
+    __atomic_store_n(&gibCame[aiSignal], 1, __ATOMIC_RELAXED);
     (void)!write(giSignalFd, &one, sizeof one); // only a full counter refuses: it is readable
     errno = saved;
 }
@@ -105,10 +105,7 @@ int tool_signals(const int *aicpcMore)
 
 bool tool_signal_came(int aicSignal)
 {
-    if (gibCame[aicSignal] == 0)
-        return false;
-    gibCame[aicSignal] = 0;
-    return true;
+    return __atomic_exchange_n(&gibCame[aicSignal], 0, __ATOMIC_RELAXED) != 0;
 }
 
 uint64_t tool_now_ns(clockid_t aicClock)

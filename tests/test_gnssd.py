@@ -229,7 +229,7 @@ class Examples(unittest.TestCase):
                             os.write(write, b"\n")
 
     def test_a_replay_stops_at_once_and_sends_all_it_has_read(self):
-        Path("data").write_bytes(b"".join(sentence(b"N%d" % i) + b"\n" for i in range(3000)))
+        Path("data").write_bytes(b"".join(sentence(b"N%d" % i) + b"\n" for i in range(600)))
         bystander = subprocess.Popen(["sleep", "600"])
         self.addCleanup(lambda: (bystander.kill(), bystander.wait()))
         # The command's own number comes from this program: another process has it by now.
@@ -237,8 +237,8 @@ class Examples(unittest.TestCase):
         Path("bin/sh").write_text("#!/bin/sh\necho %d\n" % bystander.pid)
         os.chmod("bin/sh", 0o755)
         for source, option, value, last, most in (
-                ("file", "-r", "20", 3, 2999), ("file", "-l", "3600000", 2999, 3000),
-                ("command", "-r", "20", 3, 3000)):
+                ("file", "-r", "20", 3, 599), ("file", "-l", "3600000", 599, 600),
+                ("command", "-r", "20", 3, 600)):
             with self.subTest(source, option=option):
                 path = {"file": "data", "command": "cat data"}[source]
                 gnssd = self.gnssd({"gnss": {"source": source, "path": path}}, "-v", "6", option,
@@ -387,7 +387,7 @@ class Examples(unittest.TestCase):
         self.until(rb"gnssd +\d+  IS LATE", dog)
         begun = time.monotonic()
         if b"__tsan_init" in Path(BIN, "gnssd").read_bytes():
-            gnssd.kill()  # there a handler has to wait for the end of the write
+            gnssd.kill()  # there the forced end waits for the end of the write
         else:
             self.ends(gnssd, 1, stop=signal.SIGTERM)
         self.assertLess(time.monotonic() - begun, 3)
