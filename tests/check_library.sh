@@ -37,6 +37,19 @@ differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
   "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
     | sort -u | tr '\n' ' ' | sed 's/ $//')"
 
+# The sweeps fail each call that calls.cpp wraps, stop at it, and fork at it. These are left out: they
+# neither fail nor wait, or tests of their own make them fail.
+left_out='config_.*|dup2|event_base_(free|loopbreak)|event_(del|free)|eventfd_write|feof|ferror
+|fileno|fread|getp?pid|mem.*|printf|pthread_(mutex|rwlock)_(init|lock|unlock)|pthread_(self|setname_np)
+|pthread_testcancel|puts|s?random|srand|sig(add|empty)set|sigtimedwait|v?snprintf|str.*|tgkill|vfork'
+unwrapped() {
+  local name
+  nm -D --undefined-only "$library" | sed -n 's/.* U \([a-z][a-z0-9_]*\)\(@.*\)\?$/\1/p' \
+    | grep -vxE "${left_out//$'\n'/}" | while read -r name; do
+      grep -qE "^W[A-Z]+\(.*, $name,|__wrap_$name\(" "$1/tests/calls.cpp" || echo "$name"
+    done
+}
+
 barriers() { # barriers WANTED KINDS FUNCTION...: the instructions of these kinds, in order
   local wanted=$1 kinds=$2 name
   for name in "${@:3}"; do
@@ -48,7 +61,9 @@ case "$(readelf -h "$library" | grep Machine:) $4" in
   *ARM*)
     barriers "strex dmb" 'strex|dmb' spinlock_try_lock spinlock_lock
     barriers "dmb str" 'dmb|str' spinlock_unlock ;;
-  *X86-64*Release) # a barrier is a locked instruction
+  *X86-64*Release)
+    differ "calls that the sweeps do not make fail" "" "$(unwrapped "$2")"
+    # a barrier is a locked instruction
     barriers "xchg lock" 'xchg|lock' spinlock_try_lock spinlock_lock
     barriers "lock movl" 'lock|movl' spinlock_unlock ;;
 esac
