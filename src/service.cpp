@@ -55,12 +55,11 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
     // The call may leave any value behind when it fails, so it gets a variable of its own.
     pthread_t id = 0;
     err = pthread_create(&id, nullptr, aiEntry, aipArg);
-    if (err != 0) {
+    if (err == 0)
+        *aopPthdId = id;
+    else
         service_close(&aopServ->WakeFd);
-        return err;
-    }
-    *aopPthdId = id;
-    return 0;
+    return err;
 }
 
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
@@ -74,12 +73,10 @@ void service_stop(tService *aiopServ, pthread_t aiPthdId)
 event_base *service_base(const tService *aipcServ)
 {
     int fds[3]; // epoll, and the two of its signal pipe
-    bool bEnough = true;
     const int was = service_lock();
-    for (int &fd : fds) {
+    for (int &fd : fds)
         fd = fcntl(aipcServ->WakeFd, F_DUPFD_CLOEXEC, 0);
-        bEnough = bEnough && fd != -1;
-    }
+    const bool bEnough = fds[2] != -1;
     for (int &fd : fds)
         service_drop(&fd);
     service_unlock(was);
