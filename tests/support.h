@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What the test programs share: a folder of their own, captured output, waiting, counting.
 #pragma once
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <dirent.h>
@@ -185,13 +186,14 @@ inline int unix_listen(const std::string &path)
     return fd;
 }
 
-// Exactly `len` bytes, fewer at end of stream or after ten seconds.
+// Exactly `len` bytes, fewer at end of stream; fails when nothing comes for ten seconds.
 inline std::string read_bytes(int fd, size_t len)
 {
     timeval wait = {10, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     std::string got(len, '\0');
     const ssize_t n = len == 0 ? 0 : recv(fd, &got[0], len, MSG_WAITALL);
+    EXPECT_FALSE(n == -1 && errno == EAGAIN) << "neither bytes nor the end of the stream";
     got.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return got;
 }
