@@ -4,6 +4,7 @@
 #include <common/xfuncs.h>
 
 #include "config_internal.h"
+#include "rwlock_internal.h"
 #include "service_internal.h"
 #include "thread_internal.h"
 
@@ -31,14 +32,23 @@ static int giLoneFd = -1; // the connection of a client that is not in the regis
 
 // The registry, oldest connection first. Senders may come at any time, so its lock exists as long
 // as the library does; and a steady stream of them must not keep a client or a stop waiting, so
-// writers go first.
+// senders that have not begun step aside while a writer waits.
 static list_head giContCltHd = LIST_HEAD_INIT(giContCltHd);
-static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_INITIALIZER;
+static bool gibContCltWait; // under the lock on descriptors, so there is one writer at a time
+
+static int _try_send(pthread_rwlock_t *aiopLk)
+{
+    return __atomic_load_n(&gibContCltWait, __ATOMIC_RELAXED) ? EBUSY
+                                                              : pthread_rwlock_tryrdlock(aiopLk);
+}
 
 static int _registry_lock()
 {
     const int was = service_lock();
-    (void)pthread_rwlock_wrlock(&giContCltLk); // fails on misuse only
+    __atomic_store_n(&gibContCltWait, true, __ATOMIC_RELAXED);
+    rwlock_take<pthread_rwlock_trywrlock>(&giContCltLk);
+    __atomic_store_n(&gibContCltWait, false, __ATOMIC_RELAXED);
     return was;
 }
 
@@ -175,7 +185,7 @@ static void _dmn_server_forget()
         (void)close(reinterpret_cast<tClitNetCon *>(pNode)->fd); // the parent's goes on
     }
     giContCltHd = LIST_HEAD_INIT(giContCltHd);
-    giContCltLk = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+    giContCltLk = PTHREAD_RWLOCK_INITIALIZER;
 }
 
 __attribute__((constructor)) static void _dmn_server_meet_forks()
@@ -259,7 +269,7 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
         return 0;
     // A sender that is cancelled in a write must not take the lock with it.
     const int was = thread_defer_cancel();
-    pthread_rwlock_rdlock(&giContCltLk);
+    rwlock_take<_try_send>(&giContCltLk);
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
     list_for_each_safe(pNode, pAhead, &giContCltHd)
@@ -268,7 +278,7 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
         (void)!write(reinterpret_cast<tClitNetCon *>(pNode)->fd, aipcMsg,
                      static_cast<size_t>(aicMsgLen));
     }
-    pthread_rwlock_unlock(&giContCltLk);
+    (void)pthread_rwlock_unlock(&giContCltLk);
     thread_restore_cancel(was);
     return 0;
 }

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <common/self_fifo.h>
 
-#include <cstring>
+#include "rwlock_internal.h"
 
-// The results of the lock calls are ignored: on a lock that fifo_init() made they can fail only for
-// a thread that already holds it, and no function here calls out while it does.
+#include <cstring>
 
 struct tFill {
     const uint32_t count;
@@ -13,7 +12,7 @@ struct tFill {
 
 static tFill _look(tFifo *aipcFifo)
 {
-    (void)pthread_rwlock_rdlock(&aipcFifo->fifoRwLk);
+    rwlock_take<pthread_rwlock_tryrdlock>(&aipcFifo->fifoRwLk);
     const tFill fill{aipcFifo->Counter, aipcFifo->Depth};
     (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
     return fill;
@@ -62,7 +61,7 @@ uint32_t fifo_get_data_count(tFifo *aipcFifo)
 // free slot, or another consumer the last element.
 int fifo_add_one(tFifo *aipcFifo, void *aipVal)
 {
-    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
     const uint32_t count = aipcFifo->Counter;
     const bool room = count != aipcFifo->Depth;
     if (room) {
@@ -86,7 +85,7 @@ uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd)
 
 int fifo_get_one(tFifo *aipcFifo, void *aopVal)
 {
-    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
     const uint32_t count = aipcFifo->Counter;
     if (count != 0) {
         const uint32_t head = aipcFifo->Head;
@@ -109,7 +108,7 @@ uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead)
 
 void fifo_clear(tFifo *aipcFifo)
 {
-    (void)pthread_rwlock_wrlock(&aipcFifo->fifoRwLk);
+    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
     aipcFifo->Counter = 0;
     aipcFifo->Head = 0;
     aipcFifo->Tail = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What the test programs share: a folder of their own, captured output, waiting, counting.
 #pragma once
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -10,7 +11,9 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <libconfig.h>
+#include <pthread.h>
 #include <random>
+#include <sched.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -98,6 +101,45 @@ inline bool wait_until(const std::function<bool()> &done, int ms = 10000)
         if (ms_since(start) > ms)
             return false;
     return true;
+}
+
+inline bool set_priority(pthread_t thread, int priority) // 0: none
+{
+    const sched_param param = {priority};
+    return pthread_setschedparam(thread, priority == 0 ? SCHED_OTHER : SCHED_FIFO, &param) == 0;
+}
+
+// On one processor a thread of low real-time priority repeats `call` without a pause while one of
+// high priority does so every 100 us. Each call has to end.
+inline void between_priorities(const std::function<void()> &call)
+{
+    constexpr int wanted = 3000;
+    std::atomic<int> done{0};
+    if (!set_priority(pthread_self(), 90)) // the watchdog's
+        GTEST_SKIP() << "real-time priorities need a privilege";
+    const auto start = [](int priority, auto body) {
+        return std::thread([=] {
+            cpu_set_t first;
+            CPU_ZERO(&first);
+            CPU_SET(0, &first);
+            EXPECT_EQ(0, sched_setaffinity(0, sizeof first, &first));
+            set_priority(pthread_self(), priority);
+            body();
+        });
+    };
+    std::thread slow = start(10, [&] {
+        while (done < wanted)
+            call();
+    });
+    std::thread quick = start(80, [&] {
+        for (; done < wanted; ++done, usleep(100))
+            call();
+    });
+    EXPECT_TRUE(wait_until([&] { return done == wanted; }, 4000)) << "call " << done << " hangs";
+    set_priority(quick.native_handle(), 0); // so that both end
+    quick.join();
+    slow.join();
+    set_priority(pthread_self(), 0);
 }
 
 // `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".

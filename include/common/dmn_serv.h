@@ -20,10 +20,14 @@
  * the start, during it, and after the stop; not in a signal handler, because it takes a lock. Init
  * and exit belong to one host thread. There is one server a process.
  *
- * What blocks: no broadcast ever waits for a client. dmn_server_exit() waits for the server thread
- * and for broadcasts in progress. The server thread inherits scheduling policy and priority of the
- * thread that calls dmn_server_init(): start it from a normal thread, because a client that sends
- * without pause keeps the server thread busy, and at a real-time priority the processor with it.
+ * What blocks: no broadcast ever waits for a client. One that starts while the server puts a client
+ * into its list, or takes one out, waits for that, and so for the broadcasts in progress: it yields
+ * the processor a few times and then sleeps, 50 us each time. So senders and server may have any
+ * real-time priorities, but there is no priority inheritance: while the server or a sender is kept
+ * from the processor there, the others wait. dmn_server_exit() waits for the server thread and for
+ * broadcasts in progress. The server thread inherits scheduling policy and priority of the thread
+ * that calls dmn_server_init(): start it from a normal thread, because a client that sends without
+ * pause keeps the server thread busy, and at a real-time priority the processor with it.
  *
  * What is lost: a client that does not read loses what its socket buffer cannot take, possibly a
  * part of a message, without notice to anybody; the other clients are not touched by it.

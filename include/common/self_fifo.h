@@ -24,10 +24,13 @@
  * over before other threads know the ring. Not for signal handlers.
  *
  * What blocks: a call waits for the calls of other threads in progress, each of them one element's
- * copy long; none waits for an element or for room. Beware of polling: the lock prefers
- * readers, so threads that ask a query again and again without a pause hold up every add and get
- * (with eight of them one add took half a minute). A loop that waits calls sched_yield() or sleeps
- * between two questions; better still, it tries the add or the get itself.
+ * copy long; none waits for an element or for room. It tries the lock, yields the processor between
+ * the first 16 tries and sleeps for 50 us between the later ones. So threads of different real-time
+ * priority may share a ring, on one processor too; but the lock has no priority inheritance: while
+ * a thread that holds it is kept from the processor, the others wait. Beware of polling: threads
+ * that ask a query again and again without a pause hold up every add and get (with eight of them
+ * one add took seconds). A loop that waits calls sched_yield() or sleeps between two questions;
+ * better still, it tries the add or the get itself.
  *
  * Owner: record and slots are the caller's, and nothing is allocated. There is no destroy
  * operation: stop all use before the memory goes. On Linux the lock inside holds nothing that
