@@ -73,6 +73,7 @@ void sockfile_bound(tSockFile *aopFile, const char *aicpcPath)
     *aopFile = {};
     if (lstat(aicpcPath, &st) == 0)
         *aopFile = {aicpcPath, st.st_dev, st.st_ino};
+    (void)chmod(aicpcPath, 0666); // fails for a file that is gone, or another user's
     if (giLockFd != -1)
         (void)close(giLockFd); // nothing was written
     giLockFd = -1;

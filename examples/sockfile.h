@@ -37,7 +37,8 @@ int sockfile_probe(const char *aicpcPath);
 int sockfile_claim(const char *aicpcPath);
 
 /* Remembers the socket that the caller has bound to the path and listens at, and keeps the pointer.
- * Unlocks the folder. */
+ * Lets every user connect, whatever the umask, which is about the other files: the folder decides
+ * who reaches the socket. Unlocks the folder. */
 void sockfile_bound(tSockFile *aopFile, const char *aicpcPath);
 
 /* Removes it, if it is still the same file and nobody serves there. Close the own socket first. */

@@ -139,7 +139,8 @@ static void _check_late(void)
 static void _serve(void)
 {
     while (giPoll[0].revents == 0) {
-        if (poll(giPoll, giUsed, 50) == -1 && errno != EINTR)
+        const int waitMs = giUsed > gicFirst ? 50 : -1; // without a daemon none can be late
+        if (poll(giPoll, giUsed, waitMs) == -1 && errno != EINTR)
             return;
         for (nfds_t i = giUsed; i-- > gicFirst;) {
             if (giPoll[i].revents != 0 && !_receive(giPoll[i].fd, &giFed[i])) {

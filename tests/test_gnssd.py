@@ -68,6 +68,7 @@ def garbage():
 
 
 def careless_parent():
+    os.umask(0o137)
     signal.signal(signal.SIGCHLD, signal.SIG_IGN)
     signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGHUP, signal.SIGTERM])
 
@@ -335,6 +336,8 @@ class Examples(unittest.TestCase):
             sends(signal.SIGHUP, *levels)
             limit = resource.prlimit(gnssd.pid, resource.RLIMIT_NOFILE)
             resource.prlimit(gnssd.pid, resource.RLIMIT_NOFILE, (3, limit[1]))
+            self.assertEqual([oct(os.stat(path).st_mode)[-3:] for path in ("gnssd.sock", "log-00.log")],
+                             ["666", "640"])
             gnssd.send_signal(signal.SIGHUP)
             self.until(b"no log file, until the next SIGHUP", gnssd)
             resource.prlimit(gnssd.pid, resource.RLIMIT_NOFILE, limit)
@@ -410,6 +413,11 @@ class Examples(unittest.TestCase):
             self.until(rb" \?{24} +1  heartbeat", dog)
         self.until(rb"slow +3  has left", dog)
         self.assertEqual(len(re.findall(rb"slow +\d  IS LATE", self.out(dog))), 1)
+        status, waits = Path("/proc/%d/status" % dog.pid), []
+        for _ in range(2):
+            waits.append(re.search(r"\nvoluntary_ctxt_switches:\s(\d+)", status.read_text())[1])
+            time.sleep(0.3)
+        self.assertEqual(*waits)  # it sleeps: no client can be late
         self.ends(dog, 0, stop=signal.SIGTERM)
         self.assertFalse(os.path.exists("dog.sock"))
 
