@@ -53,7 +53,7 @@ if(KELVARA_BUILD_EXAMPLES)
   set(kelvara_etc ${CMAKE_INSTALL_SYSCONFDIR}/kelvara)
   if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set(kelvara_etc ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kelvara)
-    foreach(unit gnssd.service watchdogd.service)
+    foreach(unit gnssd.service gnssd-pty.service watchdogd.service)
       configure_file(packaging/systemd/${unit}.in ${PROJECT_BINARY_DIR}/package/${unit} @ONLY)
       install(FILES ${PROJECT_BINARY_DIR}/package/${unit} DESTINATION lib/systemd/system
         COMPONENT tools)
@@ -113,7 +113,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kelvara-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libkelvara1 (= ${PROJECT_VERSION}), libevent-core-2.1-7, libconfig9, ${kelvara_libc}")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS lnav)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "lnav, socat, gpsd")
 file(WRITE ${PROJECT_BINARY_DIR}/package/conffiles "/etc/kelvara/gnssd.conf\n")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/conffiles)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tools for daemons on libkelvara
