@@ -56,7 +56,7 @@ class Terminal:
 
 def main():
     source = sys.argv[1]
-    with open(os.path.join(source, "docs/guide.md")) as file:
+    with open(os.path.join(source, "docs/writing.md")) as file:
         trial = file.read().split("### Try it")[1].split("\n## ")[0]
     blocks = [[line[4:] for line in block.splitlines()]
               for block in re.findall(r"(?:^    .*\n)+", trial, re.M)]
