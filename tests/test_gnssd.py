@@ -51,6 +51,7 @@ def garbage():
     rng = random.Random(1)
     good, ais = sentence(b"GPTXT"), sentence(b"AIVDM,1,1,,A,13u?etPv2;0n", start=b"!")
     parts = [good, ais, b"$", b"!", b"*", b"\r", b"\n", b"\0", b"$Z*5a", b"*47", b"*6G", b"\xff"]
+    yield b"\xb5b\0x" * 100000
     yield b"".join(sentence(b"A%cB" % byte) + b"\n" for byte in range(256))
     yield b"".join(one[:cut] + one for one in (good, ais) for cut in range(len(one)))
     yield b"\n".join(sentence(b"X" * size) for size in range(1010, 1040))
