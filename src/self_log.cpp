@@ -6,7 +6,6 @@
 #include "thread_internal.h"
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -34,28 +33,25 @@ static tLogCfg *gipLogCfg; // null until a record was given
 // Guarded by giSvLogLk.
 static pthread_mutex_t giSvLogLk = PTHREAD_MUTEX_INITIALIZER;
 static FILE *gipLogFp;
-static int giLogWriteCnt;    // writes into the open file
-static int giLogFileBkupCnt; // names formed in the mode of two files
+static int giLogWriteCnt;              // writes into the open file
+static int giLogFileBkupCnt;           // names formed in the mode of two files
+static int giLogPpFdAry[2] = {-1, -1}; // read without it
 
-// The writer thread and its pipe. The thread is there before the pipe is.
+// The writer thread. It is there before the pipe is.
 static pthread_t giLogPthdId;
 static bool gibWlRunFlg;
-static int giLogPpFdAry[2] = {-1, -1};
 static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
 
-// How many callers use the pipe. A caller counts itself first and then looks whether there is a
-// write end; the exit call takes that away first and then looks at the count. So once that is 0,
-// nobody uses what is closed. The file needs no count: it is used and closed under its lock.
+// How many callers use the pipe. A caller counts itself first and then looks whether the pipe is
+// open; the exit call shuts it first and then looks at the count. So once the count is 0, no caller
+// uses what is closed. A caller that finds the pipe shut does not count itself: the count comes to
+// 0 even if threads go on logging. The file needs no count: it is used and closed under its lock.
+static bool gibLogPpOpn;
 static int giLogUsers;
-static bool gibLogFileOpn; // spares lines the lock where there is no file
 
-// The C library's locks in localtime_r() and random() stay locked for ever in a child that is
-// forked while they are. So a fork waits for this one first.
-static pthread_mutex_t giLibcLk = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t gThreadLibcLk = PTHREAD_MUTEX_INITIALIZER;
 
-static pid_t giLogParent; // in a forked child: whose file and pipe these are
-
-// Words another thread may access meanwhile, in no order with others.
+// Words that other threads may access at the same time, in no order with others.
 template <typename tWord> static tWord _peek(const tWord *aipcWord)
 {
     return __atomic_load_n(aipcWord, __ATOMIC_RELAXED);
@@ -73,29 +69,104 @@ static int _pipe_users()
     return __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
 }
 
+// --- forks ------------------------------------------------------------------------------------
+//
+// A child has no writer thread. It logs on into the file that it shares with the owner, or into the
+// owner's pipe. Descendants append, the owner rotates: to begin a file is to empty it.
+
+static pid_t giLogOwner; // the process that called log_system_init()
+
+static bool _may_rotate()
+{
+    return getpid() == giLogOwner || (kill(giLogOwner, 0) == -1 && errno == ESRCH);
+}
+
+static int _make_log_pipe(int (&aoFds)[2])
+{
+    if (pipe(aoFds) == -1)
+        return -1;
+    for (int &fd : aoFds)
+        fd = console_leave(fd);
+    if (aoFds[0] != -1 && aoFds[1] != -1 && aoFds[0] < FD_SETSIZE)
+        return 0;
+    for (int &fd : aoFds) {
+        if (fd != -1)
+            (void)close(fd);
+        fd = -1;
+    }
+    errno = EMFILE; // or the read end is too high for select()
+    return -1;
+}
+
+// Leaves so many ends of the pipe open: both of a new one, the write end, or none. A fork waits for
+// the lock, so a child knows what it has to close. -1 with errno when there is no pipe.
+static int _set_log_pipe(int aicEnds)
+{
+    (void)pthread_mutex_lock(&giSvLogLk);
+    int fds[2] = {-1, aicEnds == 1 ? giLogPpFdAry[1] : -1};
+    const int ret = aicEnds == 2 ? _make_log_pipe(fds) : 0;
+    // A caller that is still there keeps the pipe for good: a closed one would end the host by
+    // SIGPIPE, or let the line into what gets the descriptor's number next.
+    const bool bUsed = _pipe_users() != 0;
+    for (size_t i = 0; i < 2; ++i) {
+        if (giLogPpFdAry[i] != -1 && giLogPpFdAry[i] != fds[i] && !bUsed)
+            (void)close(giLogPpFdAry[i]);
+        _poke(&giLogPpFdAry[i], fds[i]);
+    }
+    _poke(&gibLogPpOpn, fds[1] != -1);
+    (void)pthread_mutex_unlock(&giSvLogLk);
+    return ret;
+}
+
+static void _log_before_fork()
+{
+    (void)pthread_mutex_lock(&giSvLogLk);
+    (void)pthread_mutex_lock(&gThreadLibcLk);
+}
+
+static void _log_after_fork()
+{
+    (void)pthread_mutex_unlock(&gThreadLibcLk);
+    (void)pthread_mutex_unlock(&giSvLogLk);
+}
+
+static void _log_in_child()
+{
+    _log_after_fork();
+    giLogPthdId = 0;
+    giLogUsers = 0;
+    (void)_set_log_pipe(gibLogPpOpn ? 1 : 0); // the owner alone reads
+}
+
+// Before the constructors of a host that is linked with the archive: fork handlers registered there
+// may log.
+__attribute__((constructor(101))) static void _log_meet_forks()
+{
+    // Fails without memory at the start.
+    (void)pthread_atfork(_log_before_fork, _log_after_fork, _log_in_child);
+}
+
 // --- a line's time ----------------------------------------------------------------------------
 
-// The last second that was broken down, for the other lines of that second: the second itself in
-// the low bits (the system's clock ends in 2262), above it hour, minute and second.
-static uint64_t giLogClock = UINT64_MAX;
-static constexpr unsigned gicSecBits = 44, gicPartBits = 6;
+// The last second that was broken down, for the other lines of that second: the second times 2^17
+// plus its time of day, with 64 minutes an hour and 64 seconds a minute, as a second may be 60. At
+// first a second that no clock shows.
+static uint64_t giLogClock = 1ULL << 63;
 
-// Hour, minute and second of the day, in gicPartBits each.
 static unsigned _time_of_day(time_t aicSec)
 {
-    constexpr uint64_t mask = (1ULL << gicSecBits) - 1;
+    const uint64_t second = static_cast<uint64_t>(aicSec) << 17;
     uint64_t clock = _peek(&giLogClock);
-    if (((clock ^ static_cast<uint64_t>(aicSec)) & mask) != 0) {
+    if (clock - second >= 1 << 17) {
         tm local = {};
-        (void)pthread_mutex_lock(&giLibcLk);
+        (void)pthread_mutex_lock(&gThreadLibcLk);
         (void)localtime_r(&aicSec, &local);
-        (void)pthread_mutex_unlock(&giLibcLk);
-        const int parts =
-            ((local.tm_hour << gicPartBits | local.tm_min) << gicPartBits) | local.tm_sec;
-        clock = static_cast<uint64_t>(parts) << gicSecBits | (static_cast<uint64_t>(aicSec) & mask);
+        (void)pthread_mutex_unlock(&gThreadLibcLk);
+        clock =
+            second + static_cast<unsigned>((local.tm_hour * 64 + local.tm_min) * 64 + local.tm_sec);
         _poke(&giLogClock, clock);
     }
-    return static_cast<unsigned>(clock >> gicSecBits);
+    return static_cast<unsigned>(clock - second);
 }
 
 // --- a line's header --------------------------------------------------------------------------
@@ -127,10 +198,9 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
     memcpy(aoLine, "[TAG:hh:mm:ss.00uuuuuu                ", name + field);
     memcpy(aoLine + 1, aipcTag, 3);
     const unsigned day = _time_of_day(aicNow.tv_sec);
-    constexpr unsigned part = (1U << gicPartBits) - 1;
-    _put_digits(aoLine + 5, 2, day >> 2 * gicPartBits);
-    _put_digits(aoLine + 8, 2, day >> gicPartBits & part);
-    _put_digits(aoLine + 11, 2, day & part);
+    _put_digits(aoLine + 5, 2, day / 4096);
+    _put_digits(aoLine + 8, 2, day / 64 % 64);
+    _put_digits(aoLine + 11, 2, day % 64);
     _put_digits(aoLine + 16, 6, static_cast<unsigned long>(aicNow.tv_usec));
 
     const size_t len = strlen(aipcFlNme);
@@ -146,17 +216,10 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 // --- files ------------------------------------------------------------------------------------
 
 // A count goes on beyond INT_MAX, and the two names still take turns.
-static constexpr int _next_count(int aicCnt)
+static int _next_count(int aicCnt)
 {
     return static_cast<int>(static_cast<uint32_t>(aicCnt) + 1);
 }
-
-static constexpr int _name_index(int aicCnt)
-{
-    return aicCnt & 1;
-}
-static_assert(_next_count(INT_MAX) == INT_MIN && _name_index(INT_MAX) == 1);
-static_assert(_name_index(INT_MIN) == 0 && _name_index(_next_count(INT_MIN)) == 1);
 
 // Forms the next file's name; false, and an empty name, for an unknown naming. A name that does
 // not fit is cut.
@@ -164,7 +227,7 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
 {
     aoNme[0] = '\0';
     if (giLogCfg.fileMod == LOG_FILE_TWO) {
-        const int index = _name_index(giLogFileBkupCnt);
+        const int index = giLogFileBkupCnt & 1;
         giLogFileBkupCnt = _next_count(giLogFileBkupCnt);
         return snprintf(aoNme, gicNmeBytes - 1, "%s-%02d.log", giLogCfg.saveLogPath, index) >= 0;
     }
@@ -172,26 +235,29 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
         return false;
     const time_t now = time(nullptr);
     tm local = {};
-    (void)pthread_mutex_lock(&giLibcLk);
+    (void)pthread_mutex_lock(&gThreadLibcLk);
     (void)localtime_r(&now, &local); // fails for years beyond an int; zeros will do
     const int chance = static_cast<int>(random() % 100000);
-    (void)pthread_mutex_unlock(&giLibcLk);
+    (void)pthread_mutex_unlock(&gThreadLibcLk);
     return snprintf(aoNme, gicNmeBytes - 1, "%s-%04d-%02d-%02d-%02d-%02d-%02d-%06d.log",
                     giLogCfg.saveLogPath, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
                     local.tm_hour, local.tm_min, local.tm_sec, chance) >= 0;
 }
 
-// As console_leave(), for a stream.
-static FILE *_fopen_above_console(const char *aicpcNme)
+// As console_leave(), for a stream. Each write goes to the end of the file, wherever that has come
+// by the writes of other processes.
+static FILE *_fopen_log(const char *aicpcNme)
 {
     FILE *pFp = fopen(aicpcNme, "w+");
-    if (pFp == nullptr || fileno(pFp) > STDERR_FILENO)
-        return pFp;
-    const int fd = fcntl(fileno(pFp), F_DUPFD, STDERR_FILENO + 1);
-    (void)fclose(pFp); // nothing was written yet
-    pFp = fd == -1 ? nullptr : fdopen(fd, "w+");
-    if (pFp == nullptr && fd != -1)
-        (void)close(fd);
+    if (pFp == nullptr)
+        return nullptr;
+    if (fileno(pFp) <= STDERR_FILENO) {
+        FILE *pHigher = _fopen_log(aicpcNme);
+        (void)fclose(pFp); // nothing was written yet
+        return pHigher;
+    }
+    (void)fcntl(fileno(pFp), F_SETFD, FD_CLOEXEC); // these fail on a bad descriptor only
+    (void)fcntl(fileno(pFp), F_SETFL, O_APPEND);
     return pFp;
 }
 
@@ -202,7 +268,7 @@ static bool _open_log_file(const char *aicpcNme)
     printf("New save log path=%s\n", aicpcNme);
     if (gipLogFp != nullptr)
         (void)fclose(gipLogFp); // every write was flushed, and there is nobody to tell
-    gipLogFp = _fopen_above_console(aicpcNme);
+    gipLogFp = _fopen_log(aicpcNme);
     if (gipLogFp == nullptr) {
         puts("fopen() err!!!!");
         return false;
@@ -211,12 +277,11 @@ static bool _open_log_file(const char *aicpcNme)
     return true;
 }
 
-// With giSvLogLk held: goes on to the next file when the open one has had its writes. A child would
-// empty a file that its parent writes to: it leaves that to the parent while that lives.
+// With giSvLogLk held: goes on to the next file when the open one has had its writes.
 static void _log_file_rotate()
 {
     if (gipLogFp == nullptr || static_cast<uint32_t>(giLogWriteCnt) < giLogCfg.logSaveMaxCnt ||
-        (giLogParent != 0 && getppid() == giLogParent))
+        !_may_rotate())
         return;
     printf("logSaveMaxCnt=%d\n", static_cast<int>(giLogCfg.logSaveMaxCnt));
     puts("rotate start");
@@ -245,12 +310,12 @@ static void _process_log_msg(const char *aipcMsg)
 {
     if (gipLogCfg == nullptr || giLogCfg.stdoutLogSwt == LOG_SWITCH_ON)
         printf("%s", aipcMsg);
-    if (_peek(&gibLogFileOpn))
+    if (_peek(&giLogCfg.fileLogSwt) == LOG_SWITCH_ON)
         _write_log_file(aipcMsg);
 }
 
-// Into the pipe of a parent, whose reader may have gone: that is to raise no signal.
-static void _write_parents_pipe(int aicFd, const char *aipcMsg)
+// Into the owner's pipe, whose reader may have gone: that is to raise no signal.
+static void _write_owners_pipe(int aicFd, const char *aipcMsg)
 {
     sigset_t sigPipe;
     sigset_t before;
@@ -265,11 +330,13 @@ static void _write_parents_pipe(int aicFd, const char *aipcMsg)
 
 static void _write_log_pipe(const char *aipcMsg)
 {
+    if (!_peek(&gibLogPpOpn))
+        return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
-    const int fd = _peek(&giLogPpFdAry[1]);
-    if (giLogParent != 0)
-        _write_parents_pipe(fd, aipcMsg);
-    else if (fd != -1)
+    const int fd = _peek(&gibLogPpOpn) ? _peek(&giLogPpFdAry[1]) : -1;
+    if (_peek(&giLogPpFdAry[0]) == -1)
+        _write_owners_pipe(fd, aipcMsg);
+    else
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
     (void)__atomic_sub_fetch(&giLogUsers, 1, __ATOMIC_RELEASE);
 }
@@ -322,7 +389,7 @@ static void *_rx_log_func_pth(void *)
     // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
     (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
-        const int fd = __atomic_load_n(&giLogPpFdAry[0], __ATOMIC_ACQUIRE);
+        const int fd = _peek(&giLogPpFdAry[0]);
         const int ready = _wait_log_pipe(fd);
         if (ready > 0) {
             (void)_rx_log_chunk(fd); // reported; the loop goes on
@@ -350,28 +417,10 @@ static int _start_log_file()
         printf("fileMod=%d err!!!!\n", static_cast<int>(giLogCfg.fileMod));
         return -ERR_LOG_PARM_CONT;
     }
+    (void)pthread_mutex_lock(&giSvLogLk);
     const bool bOpn = _open_log_file(nme);
-    _poke(&gibLogFileOpn, bOpn);
+    (void)pthread_mutex_unlock(&giSvLogLk);
     return bOpn ? LOG_SUCCESS : -ERR_LOG_FOPEN;
-}
-
-static int _open_log_pipe()
-{
-    int fds[2];
-    if (pipe(fds) == -1)
-        return -1;
-    fds[0] = console_leave(fds[0]);
-    fds[1] = console_leave(fds[1]);
-    if (fds[0] == -1 || fds[1] == -1 || fds[0] >= FD_SETSIZE) { // select() could not wait for it
-        for (int fd : fds)
-            if (fd != -1)
-                (void)close(fd);
-        errno = EMFILE;
-        return -1;
-    }
-    _poke(&giLogPpFdAry[1], fds[1]);
-    __atomic_store_n(&giLogPpFdAry[0], fds[0], __ATOMIC_RELEASE); // the pipe is there
-    return 0;
 }
 
 static int _start_log_thread()
@@ -387,7 +436,7 @@ static int _start_log_thread()
         return -ERR_LOG_PTHREAD_CREATE;
     }
     giLogPthdId = id;
-    if (_open_log_pipe() == -1) {
+    if (_set_log_pipe(2) == -1) {
         printf("pipe() err, msg:%s!!!!\n", strerror(errno));
         return -ERR_LOG_PIPE_CREATE;
     }
@@ -409,94 +458,43 @@ static void _stop_log_thread()
     giLogPthdId = 0;
 }
 
-// Waits until no caller uses the pipe, and reads meanwhile, as some may wait for room in it. False
-// when one stands still for half a second: it was interrupted, perhaps, by the very signal handler
-// that called the exit.
-static bool _wait_for_users(int aicRxFd)
+// Waits until no caller uses the pipe, and reads on, as some may wait for room in it. Gives up when
+// none has finished for half a second: the very signal handler that called the exit may have
+// interrupted it. That is 100 turns and not a deadline, which an overloaded machine would miss; and
+// 100,000 chunks, as a child may go on logging.
+static void _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
-    for (int patience = 50000; _pipe_users() != 0; patience -= rx.revents != 0 ? 1 : 100)
-        if (patience <= 0 || (poll(&rx, 1, 1) == 1 && _rx_log_chunk(aicRxFd) <= 0))
-            return false;
-    return true;
-}
-
-// Delivers what the pipe took. Once no thread of ours adds to it there is an end to that, even if a
-// forked child goes on.
-static void _drain_log_pipe(int aicRxFd)
-{
-    (void)_wait_for_users(aicRxFd);
-    int left = 0;
-    (void)ioctl(aicRxFd, FIONREAD, &left); // a pipe knows it
-    while (left > 0) {
-        const ssize_t len = _rx_log_chunk(aicRxFd);
-        if (len <= 0)
-            break;
-        left -= static_cast<int>(len);
+    int patience = 100000;
+    for (int users = _pipe_users(); users != 0 && patience > 0;) {
+        const int ready = poll(&rx, 1, 5);
+        if (ready == 1 && _rx_log_chunk(aicRxFd) <= 0)
+            return;
+        const int before = users;
+        users = _pipe_users();
+        patience = users == before ? patience - (ready == 1 ? 1 : 1000) : 100000;
     }
 }
 
 static void _release_log()
 {
-    const int rxFd = giLogPpFdAry[0];
-    const int txFd = giLogPpFdAry[1];
-    _poke(&giLogPpFdAry[1], -1);
-    giLogPpFdAry[0] = -1; // the thread that read it has gone
-    if (rxFd != -1)
-        _drain_log_pipe(rxFd);
+    _poke(&gibLogPpOpn, false);
+    const int fd = giLogPpFdAry[0]; // the thread that read it has gone
+    _wait_for_users(fd);
+    // What the pipe took is delivered. Callers add nothing to it, but a forked child may.
+    int left = 0;
+    (void)ioctl(fd, FIONREAD, &left); // a pipe knows it; without one there is nothing
+    for (ssize_t len = 1; left > 0 && len > 0; left -= static_cast<int>(len))
+        len = _rx_log_chunk(fd);
 
-    _poke(&gibLogFileOpn, false);
-    pthread_mutex_lock(&giSvLogLk);
+    _poke(&giLogCfg.fileLogSwt, LOG_SWITCH_OFF); // or threads that go on logging keep the lock busy
+    (void)pthread_mutex_lock(&giSvLogLk);
     if (gipLogFp != nullptr)
         (void)fclose(gipLogFp); // flushed at every write
     gipLogFp = nullptr;
-    pthread_mutex_unlock(&giSvLogLk);
-
-    // Who stands still keeps a pipe with two ends: better than to kill the host by SIGPIPE, or to
-    // write a line into what gets the descriptor's number next. The lock is left to late lines,
-    // later forks and a second exit.
-    if (!_wait_for_users(-1))
-        return;
-    if (rxFd != -1)
-        (void)close(rxFd);
-    if (txFd != -1) // alone in a forked child
-        (void)close(txFd);
-}
-
-// --- forks ------------------------------------------------------------------------------------
-//
-// A child logs on: into the file it shares with its parent, or through its parent's writer thread.
-
-static pid_t giLogForker; // of the fork in progress, with both locks held
-
-static void _log_before_fork()
-{
-    (void)pthread_mutex_lock(&giSvLogLk);
-    (void)pthread_mutex_lock(&giLibcLk);
-    giLogForker = getpid(); // asked for in the child, its parent might have ended
-}
-
-static void _log_after_fork()
-{
-    (void)pthread_mutex_unlock(&giLibcLk);
     (void)pthread_mutex_unlock(&giSvLogLk);
-}
 
-static void _log_in_child()
-{
-    _log_after_fork();
-    giLogParent = giLogForker;
-    giLogPthdId = 0;
-    giLogUsers = 0;
-    if (giLogPpFdAry[0] != -1) // what stands in the pipe is not the child's to read
-        (void)close(giLogPpFdAry[0]);
-    giLogPpFdAry[0] = -1;
-}
-
-__attribute__((constructor)) static void _log_meet_forks()
-{
-    // Fails without memory at the start.
-    (void)pthread_atfork(_log_before_fork, _log_after_fork, _log_in_child);
+    (void)_set_log_pipe(0);
 }
 
 // --- exported ---------------------------------------------------------------------------------
@@ -537,12 +535,12 @@ void logger(int, pid_t, const char *aipcMsg)
 
 void set_global_log_level(const eLogLevl aicLogLevl)
 {
-    __atomic_store_n(&gLogLevl, aicLogLevl, __ATOMIC_RELAXED);
+    _poke(&gLogLevl, aicLogLevl);
     printf("gLogLevl=%d\n", static_cast<int>(aicLogLevl));
     if (aicLogLevl > LOG_LEV_MAX) {
         printf("Input debug level(%d) err, set %d value\n", static_cast<int>(aicLogLevl),
                static_cast<int>(LOG_LEV_RUN));
-        __atomic_store_n(&gLogLevl, LOG_LEV_RUN, __ATOMIC_RELAXED);
+        _poke(&gLogLevl, LOG_LEV_RUN);
         printf("New gLogLevl=%d\n", static_cast<int>(LOG_LEV_RUN));
     }
 }
@@ -570,29 +568,29 @@ int log_system_init(const tLogCfg *aipcLogCfg)
         puts("aipcLogCfg=NULL");
         return -ERR_LOG_PARM_CONT;
     }
+    const int was = thread_defer_cancel(); // a start is done whole
     gipLogCfg = &giLogCfg;
     giLogCfg = *aipcLogCfg;
-    giLogPpFdAry[0] = giLogPpFdAry[1] = -1;
-    giLogParent = 0;
+    giLogOwner = getpid();
 
     int ret = LOG_SUCCESS;
     if (giLogCfg.fileLogSwt == LOG_SWITCH_ON)
         ret = _start_log_file();
     else
         puts("File log close");
-    if (ret != LOG_SUCCESS)
-        return ret;
-    if (giLogCfg.stdoutLogSwt != LOG_SWITCH_ON)
+    if (ret == LOG_SUCCESS && giLogCfg.stdoutLogSwt != LOG_SWITCH_ON)
         puts("Stdout log close");
-    if (giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
-        return _start_log_thread();
-    puts("Log no create pthread");
-    return LOG_SUCCESS; // the file lock is usable from the program's start on
+    if (ret == LOG_SUCCESS && giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
+        ret = _start_log_thread();
+    else if (ret == LOG_SUCCESS)
+        puts("Log no create pthread");
+    thread_restore_cancel(was);
+    return ret; // the file lock is usable from the program's start on
 }
 
 int log_system_exit(void)
 {
-    const int was = thread_defer_cancel(); // a stop is done whole
+    const int was = thread_defer_cancel(); // as above
     _stop_log_thread();
     if (gipLogCfg != nullptr)
         _release_log();

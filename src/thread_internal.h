@@ -11,6 +11,11 @@
 #include <execinfo.h>
 #include <pthread.h>
 
+// The C library's locks in localtime_r(), random() and rand() stay locked for ever in a child that
+// is forked while another thread holds them. So our calls of these take this lock, for which a fork
+// waits; nothing else is taken under it.
+extern pthread_mutex_t gThreadLibcLk;
+
 // First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
 // comes last, when a cancel can no longer take effect between two calls. The name, of 15 characters
 // at most, is for `top -H`, `ps -T` and debuggers.

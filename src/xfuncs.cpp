@@ -2,6 +2,8 @@
 #include <common/self_log.h>
 #include <common/xfuncs.h>
 
+#include "thread_internal.h"
+
 #include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
@@ -125,9 +127,11 @@ static char *_gen_string(int aicLen, char (*aicpDraw)())
         LOG_MSG(LOG_LEV_ERROR, "xzMalloc() err!!!!\n");
         return nullptr;
     }
+    (void)pthread_mutex_lock(&gThreadLibcLk);
     srand(static_cast<unsigned>(time(nullptr)));
     for (int i = 0; i < aicLen; i++)
         text[i] = aicpDraw();
+    (void)pthread_mutex_unlock(&gThreadLibcLk);
     text[aicLen] = '\0';
     return text;
 }

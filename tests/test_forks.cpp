@@ -2,24 +2,34 @@
 // Children that are forked while the services are busy.
 #include "scenarios.h"
 
+#include <common/xfuncs.h>
 #include <csignal>
 #include <sys/wait.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-// The services' wake-ups that are open; what libevent has beside them it makes with locks only.
-static size_t wake_ups()
+// A handler of the host's that is registered before the library's, as it is linked first, and logs.
+static std::atomic<bool> gLogAtFork{false};
+static void before_fork()
+{
+    if (gLogAtFork)
+        log_msg(LOG_LEV_OFF, "parent", "f", 1, "fork\n");
+}
+[[maybe_unused]] static const int gicHandler = pthread_atfork(before_fork, nullptr, nullptr);
+
+// A process's descriptors of one kind.
+static size_t open_to(const std::string &kind, const std::string &process = "self")
 {
     size_t found = 0;
-    char what[32] = "";
     for (int fd = 0; fd < 1000; ++fd) {
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        const ssize_t len = readlink(link.c_str(), what, sizeof what);
-        found +=
-            std::string(what, len > 0 ? static_cast<size_t>(len) : 0) == "anon_inode:[eventfd]";
+        char what[256] = "";
+        const std::string link = "/proc/" + process + "/fd/" + std::to_string(fd);
+        (void)!readlink(link.c_str(), what, sizeof what - 1);
+        found += strncmp(what, kind.c_str(), kind.size()) == 0;
     }
     return found;
 }
+static size_t gPipes; // 1 more than the test's own; 0: libevent has some
 
 // In a forked child: uses what it has inherited, and then services of its own.
 static void child_life()
@@ -35,9 +45,12 @@ static void child_life()
         return; // by what cannot follow a child of several threads: its own locks may be held
     char msg[] = "C";
     log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
-    EXPECT_EQ(0U, wake_ups());
+    EXPECT_EQ(0U, open_to("anon_inode:[eventfd]")); // libevent's are made with locks only
     EXPECT_EQ(0, dmn_serv_tx_clit_msg(msg, 1) + self_feddog_exit() + dmn_server_exit() +
                      log_system_exit());
+    if (gPipes != 0)
+        EXPECT_EQ(gPipes, 1 + open_to("pipe:")) << "log pipe";
+    EXPECT_EQ(0U, open_to(gDir.path)) << "log file";
     static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
                              LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
     static tDmnServCfg cfg;
@@ -92,6 +105,7 @@ TEST_P(Forks, ChildIsForkedAtEachCall)
     gAwaitMs = scenario.run == gicWriterLog.run ? 300 : 30000;
     normal_run(scenario);
     const tRest rest;
+    gPipes = scenario.run == gicWriterLog.run ? 1 + open_to("pipe:") : 0;
     unsigned forks = 0, waited = 0;
     for (unsigned k = 1, idle = 0; idle < 2 && !HasFailure(); ++k) {
         SCOPED_TRACE(testing::Message() << "forked at call " << k);
@@ -190,19 +204,22 @@ TEST(Fork, UnderLoad)
         std::vector<std::thread> busy;
         const auto log = [] { log_msg(LOG_LEV_OFF, "parent", "f", 1, "parent\n"); };
         const std::function<void()> work[] = {log, log, [] { tParent::send("P"); },
-                                              [] { close(unix_connect(gDir / "s")); }};
+                                              [] { close(unix_connect(gDir / "s")); },
+                                              [] { free(gen_random_string(99)); }};
         for (const auto &one : work)
             busy.emplace_back([&] {
                 for (unsigned i = 1; run; ++i)
                     i % 8 != 0 ? one()
                                : std::this_thread::sleep_for(std::chrono::microseconds(200));
             });
+        gLogAtFork = true;
         for (unsigned i = 0; i < forks; ++i) {
             const pid_t pid = fork();
             if (pid == 0) {
                 alarm(60);
                 log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
                 tParent::send("C");
+                free(gen_random_number_string(1));
                 leave(tParent::stop());
             }
             int status = -1;
@@ -214,32 +231,49 @@ TEST(Fork, UnderLoad)
         for (auto &one : busy)
             one.join();
         output_of([] { EXPECT_EQ(0, tParent::stop()); });
+        gLogAtFork = false;
         EXPECT_EQ(forks, parent.logged("] child\n"));
     }
 }
 
-// A child whose parent has ended rotates by itself.
-TEST(Fork, OrphanRotates)
+// Descendants append, wherever the owner has brought the end of the file, and even if the process
+// between them has ended. They rotate once the owner has.
+TEST(Fork, DescendantsAppendAndTheOwnerRotates)
 {
-    tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 1, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
-    (gDir / "o").copy(cfg.saveLogPath, sizeof cfg.saveLogPath);
-    output_of([&] { EXPECT_EQ(0, log_system_init(&cfg)); });
-    logger(0, 0, "parent\n");
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    if (fork() == 0) {
-        const pid_t child = getpid();
-        if (fork() != 0)
-            _exit(0);
-        const bool orphan = wait_until([=] { return getppid() != child; });
-        logger(0, 0, "orphan\n");
-        (void)!write(ends[1], "", orphan);
+    tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 2, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
+    set_path(cfg.saveLogPath, "o");
+    void *const shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    std::atomic<int> &turn = *new (shared) std::atomic<int>(0);
+    const auto log = [&](int mine, const std::vector<const char *> &lines) {
+        if (!wait_until([&] { return turn == mine; }))
+            leave(1);
+        for (const char *line : lines)
+            logger(0, 0, line);
+        ++turn;
+    };
+    const pid_t owner = fork();
+    if (owner == 0) {
+        log_system_init(&cfg);
+        if (fork() == 0) {
+            if (fork() != 0)
+                leave(0);
+            log(1, {"a\n", "b\n", "c\n"});
+            log(3, {"d\n"});
+            log(6, {"e\n"});
+            leave(0);
+        }
+        wait(nullptr);
+        log(0, {"1\n"});
+        log(2, {"2\n", "3\n", "4\n", "5\n"});
+        log(4, {});
         leave(0);
     }
-    EXPECT_EQ(1, read(ends[0], ends, 1));
-    EXPECT_EQ("orphan\n", slurp(gDir / "o-01.log"));
-    wait(nullptr);
-    output_of(log_system_exit);
+    waitpid(owner, nullptr, 0);
+    log(5, {});
+    EXPECT_TRUE(wait_until([&] { return turn == 7; }));
+    EXPECT_EQ("5\nd\n", slurp(gDir / "o-00.log"));
+    EXPECT_EQ("e\n", slurp(gDir / "o-01.log"));
 }
 
 // A parent's peers see its end although a child and a command live on; the child outlives the log
@@ -252,6 +286,7 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
         FILE *shell = popen("sleep 60 >/dev/null & echo $!", "r");
         ASSERT_EQ(1, fscanf(shell, "%d", &command));
         pclose(shell);
+        EXPECT_EQ(0U, open_to(gDir.path, std::to_string(command))) << "log file";
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
         const pid_t pid = fork();
         if (pid == 0) {
@@ -261,7 +296,8 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
             log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
             (void)!write(ends[0], "", 1);
             (void)!read(ends[0], ends, 1);
-            log_msg(LOG_LEV_OFF, "child", "f", 1, "late\n");
+            for (int i = 0; i < 700; ++i) // more than the pipe holds
+                log_msg(LOG_LEV_OFF, "child", "f", 1, "%080d late\n", i);
             leave(tParent::stop());
         }
         close(ends[0]);
@@ -281,6 +317,6 @@ TEST(Fork, ChildHoldsNothingOfItsParent)
         int status = -1;
         EXPECT_EQ(pid, waitpid(pid, &status, 0));
         EXPECT_EQ(0, status);
-        EXPECT_EQ(mode == LOG_RUN_MAIN_PROGRESS ? 2U : 1U, parent.logged("child 0001]"));
+        EXPECT_EQ(mode == LOG_RUN_MAIN_PROGRESS ? 701U : 1U, parent.logged("child 0001]"));
     }
 }

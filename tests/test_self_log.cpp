@@ -259,7 +259,7 @@ TEST(LogRotation, Year2040AndTwoGigabytes)
         const int file = dup(0); // the log file gets this number
         close(file);
         EXPECT_EQ(0, log_system_init(&cfg));
-        EXPECT_EQ(0x7ffffff0, lseek64(file, 0x7ffffff0, SEEK_SET));
+        EXPECT_EQ(0, ftruncate64(file, 0x7ffffff0));
         log_msg(LOG_LEV_OFF, "a", "f", 1, "%040d\n", 1);
         log_msg(LOG_LEV_OFF, "a", "f", 1, "%040d\n", 2);
         EXPECT_LT(0, pread64(file, text, sizeof text - 1, 0x7ffffff0));
@@ -370,7 +370,7 @@ TEST(Log, ThreadsThatGoOnMeetTheExit)
         EXPECT_TRUE(wait_until([&] { return stands || !row.late; }));
         const auto start = std::chrono::steady_clock::now();
         said += output_of([] { EXPECT_EQ(0, log_system_exit()); });
-        EXPECT_LT(ms_since(start), 9000);
+        EXPECT_LT(ms_since(start), row.stuck ? 900 : 9000);
         const std::regex pipe("giLogPpFdAry=\\d+ \\d+\n"
                               "Wait _rx_log_func_pth\\(\\) pthread stop------\n"
                               "_rx_log_func_pth\\(\\) pthread already stop------\n$");
