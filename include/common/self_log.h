@@ -15,38 +15,55 @@
  * Until log_system_init() every line goes to standard output; afterwards where the installed
  * tLogCfg says.
  *
- * Threads: log_msg(), logger() and LOG_MSG may be used by any number of threads. A cancel takes
- * effect after the line, which is not lost. log_system_init() comes before other threads log,
- * log_system_exit() after they have stopped. Threads that go on all the same lose their lines from
- * then on, and the exit ends. It waits for those inside a call, but no longer than half a second
- * for one that stands still there: the pipe stays open then, two descriptors.
+ * Threads: log_msg(), logger() and LOG_MSG may be used by any number of threads. They are no
+ * cancellation points: a cancel takes effect at the thread's next one, and the line is not lost.
+ * Threads whose cancel type is asynchronous must not log: a cancel inside a call leaves a lock
+ * held. log_system_init() comes before other threads log, log_system_exit() after they have
+ * stopped. Threads that still go on lose their lines from then on, and the exit ends. It waits for
+ * callers that wait for room in the pipe, but gives up when none of them finishes for half a
+ * second, as when a signal handler interrupts one and exits: then two descriptors, the pipe's, stay
+ * open. The writer thread inherits the scheduling policy of the thread that calls
+ * log_system_init().
  *
  * What blocks: in direct mode the caller does the console and file output itself. With the writer
  * thread a caller makes one write() into a pipe, and waits only when that pipe (64 KiB, as a rule)
  * is full. A console that nobody reads blocks whoever writes to it, log_system_exit() too.
  *
- * What is lost: a crash loses the write in progress, with the writer thread also what still stands
- * in the pipe, and where standard output is a pipe or a file what stdio holds back: some KiB of
- * console lines, unless the host starts with setvbuf(stdout, NULL, _IOLBF, 0). log_system_exit()
+ * What is lost: a crash loses the write in progress, with the writer thread also the contents of
+ * the pipe, and where standard output is a pipe or a file the contents of stdio's buffer: some KiB
+ * of console lines, unless the host starts with setvbuf(stdout, NULL, _IOLBF, 0). log_system_exit()
  * delivers everything that the pipe took before it; a line is lost when a signal interrupts its
- * caller's wait for a full pipe.
+ * caller's wait for a full pipe. A full disk loses lines without notice, and each later line is
+ * tried again; the first one written may join one that was cut. A file that reaches RLIMIT_FSIZE
+ * ends the process by SIGXFSZ, unless the host ignores that signal: then it is as a full disk.
  *
  * Files: each process needs a path of its own. Two daemons with the same one, the default for
  * instance, empty and overwrite each other's files. At a rotation the next file takes the
  * descriptor of the last one; if another thread is faster and no other is free, file output ends
- * until the next start: keep some free. The same clock and random() as anybody's make the names of
- * LOG_FILE_TIME: unless the host calls srandom(), each process begins with the same number, and one
- * restarted within the second empties the file it left. On 32 bits too a file may grow beyond 2 GiB
- * and the year beyond 2038, whatever the host is compiled with.
+ * until the next start: keep some free. With the writer thread a rotation may cut a line in two,
+ * one part in each file. The names of LOG_FILE_TIME are made of the clock and random(): unless the
+ * host calls srandom(), each process begins with the same number, and one restarted within the
+ * second empties the file it left. Without a clock battery each boot begins at the same second,
+ * too: call srandom() with a number from getrandom(), or collect the files before the start. On 32
+ * bits too a file may grow beyond 2 GiB and the year beyond 2038, whatever the host is compiled
+ * with.
  *
- * A child made by fork() may log, whatever other threads did at that moment. In direct mode it
- * writes into the file that it shares with its parent, and leaves rotation to the parent while that
- * lives. With the writer thread its lines go to its parent's, and are lost once that has stopped.
- * log_system_exit() lets go of both without harm to the parent; after it log_system_init() starts a
- * service of the child's own, for which it needs a path of its own. fork() waits for a write into
- * the file that is in progress, and is not for signal handlers. Two traps of the C library stay:
- * what stdout still holds, parent and child will both print (fflush() it before), and a thread of
- * the host's that is in localtime_r() or its like at a fork stops the child at its first line.
+ * A child made by fork() may log, whatever other threads did at that moment: in direct mode into
+ * the file that it shares with the owner, the process that called log_system_init(), and with the
+ * writer thread through the owner's; such lines are lost once that has stopped. One rule holds for
+ * files: descendants append, the owner rotates. Each counts its own writes, so the file may get
+ * more than logSaveMaxCnt of them. A descendant rotates only after the owner has ended and its
+ * parent has waited for it, which kill(owner, 0) tells. That cannot tell the owner from another
+ * process that has got its number: the descendant then appends for ever. Nor does it see an owner
+ * in another PID namespace: the descendant then rotates while the owner writes. log_system_exit()
+ * lets go of what was inherited without harm to the owner; after it log_system_init() starts a
+ * service of the child's own, with a path of its own. Two descendants that outlive the owner need
+ * that, too, or each empties the other's files.
+ *
+ * fork() waits for a write into the file that is in progress, and is not for signal handlers. Two
+ * traps of the C library stay: parent and child both print what stdout's buffer holds (fflush() it
+ * before), and a thread of the host's that is inside localtime_r(), random() or their like at a
+ * fork stops the child at its first line. Commands inherit neither pipe nor file.
  *
  * errno is left as it was by log_msg() and LOG_MSG. The console's descriptors 0 to 2 stay the
  * host's, open or not.
@@ -57,8 +74,8 @@
  * Every program that links the library defines gLogLevl, also one that never logs.
  *
  * The time in a line is local time, without a date; a tzset() of the host's is noticed in the next
- * second, a change of the zone file at the next start. A full disk loses lines without notice, and
- * each later line is tried again.
+ * second, a change of the zone file at the next start. Text is written as it is: take line breaks
+ * and terminal escapes out of what comes from outside before it is logged.
  *
  * A complete program, and what it prints:
  * @include self_log.c
@@ -160,8 +177,10 @@ extern eLogLevl gLogLevl;
  * source file; aipcFuncNme: the function's name; aicLnNum: the line; then a printf format and its
  * arguments. The finished line "[TAG:hh:mm:ss.uuuuuuuu file line] text" holds at most 1022
  * characters; what goes beyond is cut, its line break included. Of a format that cannot be expanded
- * there stays what was expanded before. Uses 1 KiB of the caller's stack and allocates nothing.
- * LOG_LEV_OFF to LOG_LEV_LOUD; anything higher is shown as LOG_LEV_LOUD. */
+ * there stays what was expanded before. A line needs up to 4 KiB of the caller's stack. It
+ * allocates nothing, but for the C library's own needs: a look at the time zone at the first line,
+ * the console's buffer, a field width beyond some hundred characters, the stream of a new file at a
+ * rotation. LOG_LEV_OFF to LOG_LEV_LOUD; anything higher is shown as LOG_LEV_LOUD. */
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
              const int aicLnNum, const char *format, ...) __attribute__((format(printf, 5, 6)));
 
@@ -186,8 +205,8 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
 
 /** Installs a copy of the configuration and starts what it asks for; reports each step on standard
  * output. Once a process, or again after log_system_exit(). After a failure what was done before
- * it stays, until log_system_exit() releases it. So does the configuration: without its writer
- * thread or pipe no line goes anywhere, not to the console either.
+ * it stays, until log_system_exit() releases it. So does the configuration: if it asks for the
+ * writer thread, no line goes anywhere then, not to the console either.
  * @return
  * - 0: done
  * - -40960 (ERR_LOG_PARM_CONT): null record (nothing installed), or a bad fileMod
@@ -196,7 +215,7 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
  * - -3 (ERR_LOG_PIPE_CREATE): no pipe, or its descriptor is too high for select() */
 int log_system_init(const tLogCfg *aipcLogCfg);
 
-/** Stops the writer thread, delivers what still stands in the pipe, closes file and pipe. The
+/** Stops the writer thread, delivers the contents of the pipe, closes file and pipe. The
  * configuration stays installed: later lines reach the console in direct mode if it was switched
  * on, and nothing with the writer thread.
  * @return always 0; may be called again, or without an init */
