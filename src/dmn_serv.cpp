@@ -47,7 +47,7 @@ static int _registry_lock()
 {
     const int was = service_lock();
     __atomic_store_n(&gibContCltWait, true, __ATOMIC_RELAXED);
-    rwlock_take<pthread_rwlock_trywrlock>(&giContCltLk);
+    rwlock_take(pthread_rwlock_trywrlock, &giContCltLk);
     __atomic_store_n(&gibContCltWait, false, __ATOMIC_RELAXED);
     return was;
 }
@@ -269,7 +269,7 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
         return 0;
     // A sender that is cancelled in a write must not take the lock with it.
     const int was = thread_defer_cancel();
-    rwlock_take<_try_send>(&giContCltLk);
+    rwlock_take(_try_send, &giContCltLk);
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
     list_for_each_safe(pNode, pAhead, &giContCltHd)

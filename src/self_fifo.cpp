@@ -12,10 +12,15 @@ struct tFill {
 
 static tFill _look(tFifo *aipcFifo)
 {
-    rwlock_take<pthread_rwlock_tryrdlock>(&aipcFifo->fifoRwLk);
+    rwlock_take(pthread_rwlock_tryrdlock, &aipcFifo->fifoRwLk);
     const tFill fill{aipcFifo->Counter, aipcFifo->Depth};
     (void)pthread_rwlock_unlock(&aipcFifo->fifoRwLk);
     return fill;
+}
+
+__attribute__((noinline)) static void _write_lock(tFifo *aipcFifo) // small code matters more
+{
+    rwlock_take(pthread_rwlock_trywrlock, &aipcFifo->fifoRwLk);
 }
 
 // The callers hold the lock for writing.
@@ -61,7 +66,7 @@ uint32_t fifo_get_data_count(tFifo *aipcFifo)
 // free slot, or another consumer the last element.
 int fifo_add_one(tFifo *aipcFifo, void *aipVal)
 {
-    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
+    _write_lock(aipcFifo);
     const uint32_t count = aipcFifo->Counter;
     const bool room = count != aipcFifo->Depth;
     if (room) {
@@ -85,7 +90,7 @@ uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd)
 
 int fifo_get_one(tFifo *aipcFifo, void *aopVal)
 {
-    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
+    _write_lock(aipcFifo);
     const uint32_t count = aipcFifo->Counter;
     if (count != 0) {
         const uint32_t head = aipcFifo->Head;
@@ -108,7 +113,7 @@ uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead)
 
 void fifo_clear(tFifo *aipcFifo)
 {
-    rwlock_take<pthread_rwlock_trywrlock>(&aipcFifo->fifoRwLk);
+    _write_lock(aipcFifo);
     aipcFifo->Counter = 0;
     aipcFifo->Head = 0;
     aipcFifo->Tail = 0;
