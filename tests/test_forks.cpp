@@ -50,7 +50,6 @@ static void child_life()
                      log_system_exit());
     if (gPipes != 0)
         EXPECT_EQ(gPipes, 1 + open_to("pipe:")) << "log pipe";
-    EXPECT_EQ(0U, open_to(gDir.path)) << "log file";
     static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
                              LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
     static tDmnServCfg cfg;
