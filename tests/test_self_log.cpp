@@ -110,6 +110,29 @@ TEST(Log, TooLongIsCutAt1022)
     }
 }
 
+// What this thread allocates, in the C library too.
+static thread_local unsigned gAllocated;
+#if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *malloc(size_t size)
+{
+    ++gAllocated;
+    return __libc_malloc(size);
+}
+#endif
+
+TEST(Log, AllocatesNothing)
+{
+    for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD})
+        logged(log_cfg(mode, LOG_SWITCH_ON, gDir / "a"), [] {
+            const auto log = [] { log_msg(LOG_LEV_OFF, "a", "f", 1, "%500s %f\n", "x", 0.1); };
+            log(); // the first one looks at the time zone
+            const unsigned before = gAllocated;
+            log();
+            EXPECT_EQ(before, gAllocated);
+        });
+}
+
 TEST(Log, MacroObeysThresholdAndCeiling)
 {
     for (const unsigned threshold : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, 0xffffffffU})
