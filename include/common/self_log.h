@@ -73,9 +73,11 @@
  * LOG_LEV_LOUD calls in the code, and raise the threshold when something is to be looked into.
  * Every program that links the library defines gLogLevl, also one that never logs.
  *
- * The time in a line is local time, without a date; a tzset() of the host's is noticed in the next
- * second, a change of the zone file at the next start. Text is written as it is: take line breaks
- * and terminal escapes out of what comes from outside before it is logged.
+ * The time in a line is local time, without a date. The part behind the seconds counts
+ * microseconds, padded with zeros to eight digits: "09.00470942" is 9.470942 s. A tzset() of the
+ * host's is noticed in the next second, a change of the zone file at the next start. Text is
+ * written as it is: take line breaks and terminal escapes out of what comes from outside before it
+ * is logged.
  *
  * A complete program, and what it prints:
  * @include self_log.c
