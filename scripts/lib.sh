@@ -56,27 +56,46 @@ build_examples() {
 }
 mkdir -p "$root/build"
 
-# What runs a program of the armhf preset; filled by need_armhf.
-arm_runner=()
+# debian_tree FOLDER ARCH PACKAGE...: unpacks packages and all that they depend on, once. None of
+# their scripts is run, so any user may do it. RELEASE: one of Debian's, if not this machine's.
+# Status 77, and a line that says why: they cannot be had.
+debian_tree() {
+  local folder=$1 packages="${*:2}" release=${RELEASE:-} own sources
+  [[ ! -e $folder/packages || $(<"$folder/packages") != "$packages" ]] || return 0
+  (need_packages mmdebstrap) || return 77
+  own=$(. /etc/os-release && echo "$VERSION_CODENAME")
+  release=${release:-$own}
+  # The mirror that the machine uses.
+  sources=$(apt-get indextargets 'Created-By: Packages' "Release: $own" 'Component: main' \
+    --format "deb \$(REPO_URI) $release main" | head -n 1)
+  rm -rf "$folder.new"
+  mmdebstrap --mode=chrootless --variant=extract --architectures="$2" --include="${*:3}" \
+    --setup-hook='cd "$1" && mkdir -p usr/bin usr/lib usr/sbin && ln -s usr/* .' \
+    --skip=cleanup/apt/cache "$release" "$folder.new" ${sources:+"$sources"} >"$folder.log" 2>&1 \
+    || { echo "SKIPPED, no packages for $2: $(tail -n 1 "$folder.log")" >&2; return 77; }
+  echo "$packages" >"$folder.new/packages"
+  rm -rf "$folder"
+  mv "$folder.new" "$folder"
+}
 
-# The cross compiler, the emulator and the armhf libraries. Status 77, and a line that says why:
-# they cannot be had. Callers look at the status, so errors are passed on by hand here.
-need_armhf() {
-  (need_packages "${build_packages[@]}" g++-arm-linux-gnueabihf qemu-user googletest) || {
-    echo "armhf: SKIPPED, the cross compiler or the emulator cannot be installed" >&2
-    return 77
-  }
-  "$root/scripts/arm_sysroot" || return $?
-  arm_runner=(qemu-arm -cpu cortex-a9 -L "${KELVARA_ARMHF_SYSROOT:-$root/build/armhf-sysroot}")
+# need_cross ARCH: the cross compiler, the emulator and the libraries for armhf or arm64. Fills
+# cross_options for CMake, and cross_runner, which runs a program. Status 77 as above. Callers look
+# at the status, so errors are passed on by hand here.
+need_cross() {
+  local tuple cpu sysroot=$root/build/sysroot-$1
+  (need_packages dpkg-dev) || return 77
+  tuple=$(dpkg-architecture -f -a "$1" -q DEB_HOST_MULTIARCH) || return
+  cpu=${tuple%%-*}
+  (need_packages "${build_packages[@]}" "g++-$tuple" qemu-user) || return 77
+  debian_tree "$sysroot" "$1" libevent-dev libconfig-dev libgtest-dev libstdc++6 || return
+  cross_options=(--toolchain cmake/toolchain.cmake "-DKELVARA_ARCH=$1")
+  cross_runner=("qemu-$cpu" -L "$sysroot")
 }
 
 # What scripts/board needs. Status 77 as above.
 need_board() {
-  (need_packages cpio kmod qemu-system-arm) || {
-    echo "board: SKIPPED, the emulator cannot be installed" >&2
-    return 77
-  }
-  "$root/scripts/arm_sysroot" "$root/build/board/tree" linux-image-armmp busybox-static bash libtinfo6 \
-    libc6 libgcc-s1 libstdc++6 libevent-core-2.1-7 libevent-pthreads-2.1-7 libconfig9 \
-    python3.11-minimal libpython3.11-minimal libpython3.11-stdlib libexpat1 zlib1g
+  (need_packages cpio kmod qemu-system-arm) || return 77
+  mkdir -p "$root/build/board"
+  debian_tree "$root/build/board/tree" armhf linux-image-armmp busybox-static bash python3-minimal \
+    cmake libevent-dev libconfig-dev libstdc++6
 }

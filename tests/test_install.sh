@@ -30,12 +30,13 @@ strict=(-Wall -Wextra -Wpedantic -Wconversion -Werror)
 # Where libevent and libconfig stand for a cross compiler, as the toolchain file has it.
 cross_flags=() cross_cmake=() pc_path='' arch=native
 if [[ -n $toolchain ]]; then
-  arch=armhf
-  sysroot=${KELVARA_ARMHF_SYSROOT:-$source/build/armhf-sysroot}
-  triplet=arm-linux-gnueabihf
+  arch=$(sed -n 's/^KELVARA_ARCH:.*=//p' "$build/CMakeCache.txt")
+  sysroot=$source/build/sysroot-$arch
+  triplet=${cc##*/}
+  triplet=${triplet%-gcc}
   cross_flags=(-isystem "$sysroot/usr/include/$triplet" -isystem "$sysroot/usr/include"
     -L"$sysroot/usr/lib/$triplet")
-  cross_cmake=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+  cross_cmake=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DKELVARA_ARCH="$arch")
   pc_path=:$sysroot/usr/lib/$triplet/pkgconfig
 fi
 
@@ -170,7 +171,9 @@ else
   "$source/scripts/package" "$arch" "$build/package" || die "scripts/package"
   mkdir "$work/elsewhere"
   cp -r "$source"/{*.md,CMakeLists.txt,LICENSE,bench,cmake,docs,examples,include,packaging,scripts,src} "$work/elsewhere"
-  (umask 077 && KELVARA_ARMHF_SYSROOT=${sysroot:-} "$work/elsewhere/scripts/package" "$arch") \
+  mkdir "$work/elsewhere/build"
+  [[ -z $toolchain ]] || ln -s "$sysroot" "$work/elsewhere/build"
+  (umask 077 && "$work/elsewhere/scripts/package" "$arch") \
     || die "scripts/package elsewhere"
   for package in "$build"/package/*.{deb,spdx.json}; do
     cmp "$package" "$work"/elsewhere/build/package*/"$(basename "$package")" \
