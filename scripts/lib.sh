@@ -81,6 +81,7 @@ debian_tree() {
 # need_cross ARCH: the cross compiler, the emulator and the libraries for armhf or arm64. Fills
 # cross_options for CMake, and cross_runner, which runs a program. Status 77 as above. Callers look
 # at the status, so errors are passed on by hand here.
+cross_runner=()
 need_cross() {
   local tuple cpu sysroot=$root/build/sysroot-$1
   (need_packages dpkg-dev) || return 77
