@@ -452,8 +452,8 @@ int main(int argc, char **argv)
     if (_configure() != 0)
         return EXIT_FAILURE;
     if (log_system_init(&giCfg.log) != 0) {
-        log_system_exit();
         fprintf(stderr, "gnssd: no log, msg:%s\n", strerror(errno));
+        log_system_exit();
         return EXIT_FAILURE;
     }
     const int result = _run(signalFd);
