@@ -8,7 +8,7 @@
 // For a new descriptor: commands are not to inherit it. And if the host has closed a standard
 // descriptor, ours may get its number and would receive console output: moves it above 2. Gives the
 // descriptor, -1 with errno when that fails, and for -1.
-inline int console_leave(int aicFd)
+__attribute__((noinline)) inline int console_leave(int aicFd)
 {
     if (aicFd > STDERR_FILENO)
         (void)fcntl(aicFd, F_SETFD, FD_CLOEXEC); // fails on a bad descriptor only

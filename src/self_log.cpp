@@ -62,13 +62,6 @@ template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
     __atomic_store_n(aopWord, aicValue, __ATOMIC_RELAXED);
 }
 
-// The exit call's look at the count. It writes the count too, as it is: so a caller that comes
-// later finds what was taken away before.
-static int _pipe_users()
-{
-    return __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
-}
-
 // --- forks ------------------------------------------------------------------------------------
 //
 // A child has no writer thread. It logs on into the file that it shares with the owner, or into the
@@ -81,39 +74,44 @@ static bool _may_rotate()
     return getpid() == giLogOwner || (kill(giLogOwner, 0) == -1 && errno == ESRCH);
 }
 
-static int _make_log_pipe(int (&aoFds)[2])
+static int _make_log_pipe()
 {
-    if (pipe(aoFds) == -1)
+    int fds[2];
+    if (pipe(fds) == -1)
         return -1;
-    for (int &fd : aoFds)
+    for (int &fd : fds)
         fd = console_leave(fd);
-    if (aoFds[0] != -1 && aoFds[1] != -1 && aoFds[0] < FD_SETSIZE)
+    if (fds[0] != -1 && fds[1] != -1 && fds[0] < FD_SETSIZE) {
+        _poke(&giLogPpFdAry[0], fds[0]);
+        _poke(&giLogPpFdAry[1], fds[1]);
         return 0;
-    for (int &fd : aoFds) {
+    }
+    for (const int fd : fds)
         if (fd != -1)
             (void)close(fd);
-        fd = -1;
-    }
     errno = EMFILE; // or the read end is too high for select()
     return -1;
 }
 
+// A caller that is still there keeps the pipe for good: a closed one would end the host by SIGPIPE,
+// or let the line into what gets the descriptor's number next.
+static void _close_log_pipe_end(int *aiopFd)
+{
+    if (*aiopFd != -1 && _peek(&giLogUsers) == 0)
+        (void)close(*aiopFd);
+    _poke(aiopFd, -1);
+}
+
 // Leaves so many ends of the pipe open: both of a new one, the write end, or none. A fork waits for
-// the lock, so a child knows what it has to close. -1 with errno when there is no pipe.
-static int _set_log_pipe(int aicEnds)
+// the lock, so a child knows what it has to close. -1 with errno when there is no pipe. (Cold, as
+// all of start and stop: small code matters more there than speed.)
+__attribute__((cold)) static int _set_log_pipe(int aicEnds)
 {
     (void)pthread_mutex_lock(&giSvLogLk);
-    int fds[2] = {-1, aicEnds == 1 ? giLogPpFdAry[1] : -1};
-    const int ret = aicEnds == 2 ? _make_log_pipe(fds) : 0;
-    // A caller that is still there keeps the pipe for good: a closed one would end the host by
-    // SIGPIPE, or let the line into what gets the descriptor's number next.
-    const bool bUsed = _pipe_users() != 0;
-    for (size_t i = 0; i < 2; ++i) {
-        if (giLogPpFdAry[i] != -1 && giLogPpFdAry[i] != fds[i] && !bUsed)
-            (void)close(giLogPpFdAry[i]);
-        _poke(&giLogPpFdAry[i], fds[i]);
-    }
-    _poke(&gibLogPpOpn, fds[1] != -1);
+    const int ret = aicEnds == 2 ? _make_log_pipe() : 0;
+    for (int i = 0; i < 2 - aicEnds; ++i)
+        _close_log_pipe_end(&giLogPpFdAry[i]);
+    _poke(&gibLogPpOpn, giLogPpFdAry[1] != -1);
     (void)pthread_mutex_unlock(&giSvLogLk);
     return ret;
 }
@@ -328,8 +326,12 @@ static void _write_owners_pipe(int aicFd, const char *aipcMsg)
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-static void _write_log_pipe(const char *aipcMsg)
+static void _deliver(const char *aipcMsg)
 {
+    if (giLogCfg.logRunMd != LOG_RUN_NEW_PTHREAD) {
+        _process_log_msg(aipcMsg);
+        return;
+    }
     if (!_peek(&gibLogPpOpn))
         return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
@@ -339,14 +341,6 @@ static void _write_log_pipe(const char *aipcMsg)
     else
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
     (void)__atomic_sub_fetch(&giLogUsers, 1, __ATOMIC_RELEASE);
-}
-
-static void _deliver(const char *aipcMsg)
-{
-    if (gipLogCfg != nullptr && giLogCfg.logRunMd == LOG_RUN_NEW_PTHREAD)
-        _write_log_pipe(aipcMsg);
-    else
-        _process_log_msg(aipcMsg);
 }
 
 // --- the writer thread ------------------------------------------------------------------------
@@ -460,23 +454,22 @@ static void _stop_log_thread()
 
 // Waits until no caller uses the pipe, and reads on, as some may wait for room in it. Gives up when
 // none has finished for half a second: the very signal handler that called the exit may have
-// interrupted it. That is 100 turns and not a deadline, which an overloaded machine would miss; and
-// 100,000 chunks, as a child may go on logging.
+// interrupted it. That is 250 turns and not a deadline, which an overloaded machine would miss.
 static void _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
-    int patience = 100000;
-    for (int users = _pipe_users(); users != 0 && patience > 0;) {
-        const int ready = poll(&rx, 1, 5);
-        if (ready == 1 && _rx_log_chunk(aicRxFd) <= 0)
+    int before = 0;
+    for (int turns = 250; turns > 0;) {
+        // The look at the count writes it too, as it is: so a later caller finds the pipe shut.
+        const int users = __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
+        if (users == 0 || (poll(&rx, 1, 2) == 1 && _rx_log_chunk(aicRxFd) <= 0))
             return;
-        const int before = users;
-        users = _pipe_users();
-        patience = users == before ? patience - (ready == 1 ? 1 : 1000) : 100000;
+        turns = users == before ? turns - 1 : 250;
+        before = users;
     }
 }
 
-static void _release_log()
+__attribute__((cold)) static void _release_log()
 {
     _poke(&gibLogPpOpn, false);
     const int fd = giLogPpFdAry[0]; // the thread that read it has gone
@@ -562,7 +555,7 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
     return LOG_SUCCESS;
 }
 
-int log_system_init(const tLogCfg *aipcLogCfg)
+__attribute__((cold)) int log_system_init(const tLogCfg *aipcLogCfg)
 {
     if (aipcLogCfg == nullptr) {
         puts("aipcLogCfg=NULL");
@@ -588,7 +581,7 @@ int log_system_init(const tLogCfg *aipcLogCfg)
     return ret; // the file lock is usable from the program's start on
 }
 
-int log_system_exit(void)
+__attribute__((cold)) int log_system_exit(void)
 {
     const int was = thread_defer_cancel(); // as above
     _stop_log_thread();

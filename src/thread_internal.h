@@ -19,7 +19,7 @@ extern pthread_mutex_t gThreadLibcLk;
 // First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
 // comes last, when a cancel can no longer take effect between two calls. The name, of 15 characters
 // at most, is for `top -H`, `ps -T` and debuggers.
-inline void thread_begin(const char *aicpcNme)
+__attribute__((noinline)) inline void thread_begin(const char *aicpcNme)
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
@@ -30,7 +30,7 @@ inline void thread_begin(const char *aicpcNme)
 // glibc loads the unwinder when a thread is first cancelled or exits, and aborts the process when
 // it cannot, for want of a descriptor, say. So it is loaded before a thread of ours is created.
 // Gives 0 or, without it, the error number with which the start fails.
-inline int thread_load_unwinder()
+__attribute__((noinline)) inline int thread_load_unwinder()
 {
     void *pFrame = nullptr;
     return backtrace(&pFrame, 1) > 0 ? 0 : ELIBACC;
