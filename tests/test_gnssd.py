@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """The example programs as their users run them: python3 test_gnssd.py FOLDER_OF_THE_PROGRAMS [CASE]
 
-Without a case all run, four at once, each in a process of its own. KELVARA_RUN holds a command to put
-before each program (an emulator). Nothing here depends on how fast a program is.
+Without a case all run, four at once, each in a process of its own. KELVARA_RUN holds a command to
+put before each program (an emulator). Nothing here depends on how fast a program is.
 """
 import concurrent.futures
 import fcntl
@@ -103,7 +103,8 @@ class Examples(unittest.TestCase):
                 (b"\n".join(sentence(b"X" * size) for size in range(1010, 1040)), 11, 19),
                 (b"$Z*5a$Z*5A!Z*5A$Z*5b$Z*5g$Z*5\n$a*61!*00$", 3, 3),
                 (b"$L" + b"ong" * 1500000 + good, 1, 1),
-                (b"".join(rng.randbytes(92) + good for _ in range(500)), 500, 35)):  # binary messages
+                # Binary messages between the sentences.
+                (b"".join(rng.randbytes(92) + good for _ in range(500)), 500, 35)):
             gnssd = self.gnssd(FILES)
             gnssd.stdin.write(data)
             gnssd.stdin.flush()
