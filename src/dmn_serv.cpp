@@ -196,14 +196,17 @@ __attribute__((constructor)) static void _dmn_server_meet_forks()
 static void *_dmn_server_func_pth(void *aipArg)
 {
     thread_begin("kelvara_serv");
+    const char *pErr = nullptr;
     if (aipArg == nullptr)
-        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+        pErr = "aipArg err!!!!\n";
     else if ((gipPthdEtBse = service_base(&giServ)) == nullptr)
-        LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
+        pErr = "event_base_new() err!!!!\n";
     else if (_dmn_server_init(gipPthdEtBse, static_cast<tDmnServCfg *>(aipArg)) != 0)
-        LOG_MSG(LOG_LEV_ERROR, "_dmn_server_init() err!!!!\n");
+        pErr = "_dmn_server_init() err!!!!\n";
     else if (!service_dispatch(&giServ, gipPthdEtBse))
-        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        pErr = "event_new() err!!!!\n";
+    if (pErr != nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "%s", pErr);
     // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
     if (!giServ.bStop)
         _dmn_server_release();

@@ -122,14 +122,17 @@ __attribute__((constructor)) static void _feddog_meet_forks()
 static void *_feddog_func_pth(void *aipArg)
 {
     thread_begin("kelvara_dog");
+    const char *pErr = nullptr;
     if (aipArg == nullptr)
-        LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
+        pErr = "aipArg err!!!!\n";
     else if ((gipFedDogEtBse = service_base(&giServ)) == nullptr)
-        LOG_MSG(LOG_LEV_ERROR, "event_base_new() err!!!!\n");
+        pErr = "event_base_new() err!!!!\n";
     else if (_feed_dog_init(gipFedDogEtBse, static_cast<tFeddogCfg *>(aipArg)) != 0)
-        LOG_MSG(LOG_LEV_ERROR, "_feed_dog_init() err!!!!\n");
+        pErr = "_feed_dog_init() err!!!!\n";
     else if (!service_dispatch(&giServ, gipFedDogEtBse))
-        LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
+        pErr = "event_new() err!!!!\n";
+    if (pErr != nullptr)
+        LOG_MSG(LOG_LEV_ERROR, "%s", pErr);
     // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
     if (!giServ.bStop)
         _feddog_release();
