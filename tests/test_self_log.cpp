@@ -52,15 +52,6 @@ static std::vector<std::string> lines_of(const std::string &text)
     return lines;
 }
 
-static void in_threads(int count, const std::function<void(int)> &body)
-{
-    std::vector<std::thread> pool;
-    for (int t = 0; t < count; ++t)
-        pool.emplace_back(body, t);
-    for (auto &one : pool)
-        one.join();
-}
-
 TEST(Log, LineHasTagTimeFileLineAndBody)
 {
     const struct {
