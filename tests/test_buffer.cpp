@@ -63,22 +63,21 @@ TEST(Buffer, RandomOperations)
             std::string wanted;   // the data after it
             bool possible = true; // else nothing may happen
             size_t first = 0;     // a growth before the one for all of it
-        } cases[] = {
-            {CALL(write_string(to, &text[0], len)), d.data + big_endian(len, 4) + text, true,
-             used + 5},
-            {CALL(_write_ex(to, &text[0], len)), d.data + text},
-            {CALL(write_bytes(to, &text[0], len)), d.data + text},
-            {CALL(write_uint8(to, static_cast<uint8>(v))), d.data + big_endian(v, 1)},
-            {CALL(write_uint16(to, static_cast<uint16>(v))), d.data + big_endian(v, 2)},
-            {CALL(write_uint32(to, static_cast<uint32>(v))), d.data + big_endian(v, 4)},
-            {CALL(write_uint64(to, v)), d.data + big_endian(v, 8)},
-            {CALL(buffer_append(to, from)), d.data + s.data, filled},
-            {CALL(buffer_copy(to, from)), s.data, filled},
-            {CALL(buffer_shift(to, static_cast<int>(n))), d.data.substr(std::min(n, used)),
-             n <= used},
-            {CALL(buffer_reset(to)), ""},
-            {CALL(got = buffer_calloc(d.b, static_cast<int>(n))), d.data + std::string(n, 0),
-             n < d.size - used}};
+        } cases[] = {{CALL(write_string(to, &text[0], len)), d.data + big_endian(len, 4) + text,
+                      true, used + 5},
+                     {CALL(_write_ex(to, &text[0], len)), d.data + text},
+                     {CALL(write_bytes(to, &text[0], len)), d.data + text},
+                     {CALL(write_uint8(to, static_cast<uint8>(v))), d.data + big_endian(v, 1)},
+                     {CALL(write_uint16(to, static_cast<uint16>(v))), d.data + big_endian(v, 2)},
+                     {CALL(write_uint32(to, static_cast<uint32>(v))), d.data + big_endian(v, 4)},
+                     {CALL(write_uint64(to, v)), d.data + big_endian(v, 8)},
+                     {CALL(buffer_append(to, from)), d.data + s.data, filled},
+                     {CALL(buffer_copy(to, from)), s.data, filled},
+                     {CALL(buffer_shift(to, static_cast<int>(n))), d.data.substr(std::min(n, used)),
+                      n <= used},
+                     {CALL(buffer_reset(to)), ""},
+                     {CALL(got = buffer_calloc(d.b, static_cast<int>(n))),
+                      d.data + std::string(n, 0), n < d.size - used}};
         const auto &c = cases[rng() % std::size(cases)];
         calls_watch(grows ? nullptr : calls_fail("realloc", 0, ENOMEM));
         c.call();
@@ -106,7 +105,7 @@ TEST(Buffer, RandomOperations)
 TEST(Buffer, Limits)
 {
     // To make, to expand to, and the size after the allocator refused to grow it.
-    const int sizes[][3] = {{63, 64, 64},   {64, INT_MIN, 128},   {-1, 0, 0},
+    const int sizes[][3] = {{63, 64, 64},    {64, INT_MIN, 128},   {-1, 0, 0},
                             {INT_MIN, 0, 0}, {INT_MAX - 63, 0, 0}, {0, INT_MAX - 511, 64},
                             {0, 513, 64}};
     for (const auto &[init, expand, size] : sizes) {

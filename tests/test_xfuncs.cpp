@@ -154,9 +154,9 @@ TEST(Xfuncs, LinkLocalLookUp)
         size_t listed, traced;
         const char *addr; // the last one, when there is no match
         std::string fails = "";
-    } cases[] = {{"eth0", 3, 3, "::1"},      {"eth0", 8, 5, "fe80::1"},
+    } cases[] = {{"eth0", 3, 3, "::1"},         {"eth0", 8, 5, "fe80::1"},
                  {"eth01", 8, 6, "febf:ff::2"}, {"eth01", 8, 6, "febf:ff::2", "inet_ntop"},
-                 {"eth", 8, 8, "fe7f::1"},   {"site", 7, 7, "fec0::1"},
+                 {"eth", 8, 8, "fe7f::1"},      {"site", 7, 7, "fec0::1"},
                  {"low", 8, 8, "fe7f::1"}};
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.iface) + c.fails);
@@ -165,8 +165,8 @@ TEST(Xfuncs, LinkLocalLookUp)
             text += std::string("ifa_name=") + gicEntries[i].name +
                     ", family=" + gicEntries[i].family + "\n";
         if (c.traced < c.listed && c.fails.empty())
-            text += std::string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr +
-                    "\n";
+            text +=
+                std::string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr + "\n";
         gEntryCount = c.listed;
         gAddr = in6addr_loopback;
         calls_watch(calls_fail(c.fails, 0, ENOSPC));
@@ -190,7 +190,8 @@ TEST(Xfuncs, RandomStrings)
         const std::set<char> seen(drawn.begin(), drawn.end());
         EXPECT_EQ(call == gen_random_string ? 62U : 10U, seen.size());
         EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), isalnum));
-        EXPECT_EQ(call == gen_random_number_string, count_if(seen.begin(), seen.end(), isalpha) == 0);
+        EXPECT_EQ(call == gen_random_number_string,
+                  count_if(seen.begin(), seen.end(), isalpha) == 0);
         free(first);
         free(second);
         first = call(0);
