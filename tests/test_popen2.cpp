@@ -116,9 +116,11 @@ TEST(Popen2, AnyDescriptorsAndAnyTableSize)
                 signal(SIGPIPE, SIG_DFL);
                 for (const int fd : c.closed)
                     close(fd);
-                const int next = open("/", O_RDONLY);
-                close(next);
-                const int own = reads ? next : next + 1;
+                int ends[2]; // which the command's pipe gets
+                EXPECT_EQ(0, pipe(ends));
+                close(ends[0]);
+                close(ends[1]);
+                const int own = ends[reads ? 0 : 1];
                 calls_watch(calls_fail("getdtablesize", 1, -own - c.beyond)); // the size, negated
                 FILE *stream = open_command(reads ? "echo word; exec yes" : "exit $(wc -c)",
                                             reads ? "r" : "w");
