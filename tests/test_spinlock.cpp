@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "calls.h"
-#include "support.h"
-
 #include <common/self_log.h>
 #include <common/spinlock.h>
+
+#include "calls.h"
+#include "support.h"
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
@@ -11,14 +11,14 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 TEST(Spinlock, BackOff)
 {
     std::vector<std::string> want(28, "sched_yield");
-    for (unsigned k = 32; k < 60; k++)
+    for (unsigned k = 32; k < 60; ++k)
         want.push_back(k % 2 ? "sched_yield" : "nanosleep");
     spinlock_t lock{7};
     spinlock_init(&lock);
     for (unsigned last : {1u, 28u, 29u, 30u, 56u}) {
         SCOPED_TRACE(last);
-        EXPECT_EQ(lock.v_, 0);
-        EXPECT_EQ(spinlock_try_lock(&lock), 1);
+        EXPECT_EQ(0, lock.v_);
+        EXPECT_EQ(1, spinlock_try_lock(&lock));
         calls_watch([&](const tCall &call) {
             if (call.index == last)
                 spinlock_unlock(&lock);
@@ -26,9 +26,9 @@ TEST(Spinlock, BackOff)
         });
         spinlock_lock(&lock);
         calls_stop();
-        EXPECT_EQ(calls_seen(), std::vector<std::string>(want.begin(), want.begin() + int(last)));
-        EXPECT_EQ(spinlock_try_lock(&lock), 0);
-        EXPECT_EQ(lock.v_, 1);
+        EXPECT_EQ(std::vector<std::string>(want.begin(), want.begin() + last), calls_seen());
+        EXPECT_EQ(0, spinlock_try_lock(&lock));
+        EXPECT_EQ(1, lock.v_);
         spinlock_unlock(&lock);
         spinlock_unlock(&lock);
     }
@@ -38,15 +38,13 @@ TEST(Spinlock, OneAtATime)
 {
     spinlock_t lock{0};
     long count = 0;
-    auto work = [&] {
-        for (int i = 0; i < 50000; i++, spinlock_unlock(&lock)) {
+    in_threads(2, [&](int) {
+        for (int i = 0; i < 50000; ++i) {
             if (i % 3 || !spinlock_try_lock(&lock))
                 spinlock_lock(&lock);
-            count++;
+            ++count;
+            spinlock_unlock(&lock);
         }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(count, 100000);
+    });
+    EXPECT_EQ(100000, count);
 }
