@@ -35,14 +35,14 @@ template <size_t tBytes> void set_path(char (&field)[tBytes], const std::string 
 
 template <eLogRunMod tMode> bool log_life()
 {
-    tLogCfg cfg = {tMode, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_ON, ""};
+    tLogCfg cfg = {tMode, LOG_FILE_TWO, 3, LOG_SWITCH_ON, LOG_SWITCH_ON, ""};
     set_path(cfg.saveLogPath, "log");
     const int ret = log_system_init(&cfg);
     EXPECT_TRUE(ret == 0 || ret == -2 || ret == -3 || ret == -4) << ret;
-    for (unsigned i = 1; i <= 3; ++i) {
+    for (unsigned i = 1; i <= 4; ++i) {
         logger(0, 0, "line\n");
         if (tMode == LOG_RUN_NEW_PTHREAD && ret == 0)
-            await([=] { return calls_count("read") >= i; });
+            await([=] { return calls_count("fflush") >= i; });
     }
     EXPECT_EQ(0, log_system_exit());
     size_t lines = 0;
@@ -52,8 +52,8 @@ template <eLogRunMod tMode> bool log_life()
         (void)!system(("rm -f " + (gDir / "log") + "*").c_str());
     });
     if (gStopping)
-        EXPECT_EQ(3U, lines) << "a stop loses nothing, whenever it comes";
-    return ret == 0 && lines == 3;
+        EXPECT_EQ(4U, lines) << "a stop loses nothing, whenever it comes";
+    return ret == 0 && lines == 4;
 }
 
 inline bool server_life()

@@ -3,6 +3,8 @@
 #include "scenarios.h"
 
 #include <common/popen2.h>
+#include <common/xfuncs.h>
+#include <csignal>
 #include <event2/event.h>
 #include <event2/thread.h>
 #include <sys/resource.h>
@@ -148,6 +150,236 @@ INSTANTIATE_TEST_SUITE_P(All, Stops,
                              return std::string(std::get<0>(one.param).name) +
                                     (std::get<1>(one.param) ? "_locked" : "");
                          });
+
+// A handler of the host's that is registered before the library's, as it is linked first, and logs.
+static bool gbLogAtFork;
+static void before_fork()
+{
+    if (gbLogAtFork)
+        log_msg(LOG_LEV_OFF, "parent", "f", 1, "fork\n");
+}
+[[maybe_unused]] static const int gicHandler = pthread_atfork(before_fork, nullptr, nullptr);
+
+// A process's descriptors of one kind; of this one, not those for reading alone.
+static size_t open_to(const std::string &kind, const std::string &process = "self")
+{
+    size_t found = 0;
+    for (int fd = 0; fd < 1000; ++fd) {
+        char what[256] = "";
+        const std::string link = "/proc/" + process + "/fd/" + std::to_string(fd);
+        (void)!readlink(link.c_str(), what, sizeof what - 1);
+        if (process != "self" || (fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY)
+            found += strncmp(what, kind.c_str(), kind.size()) == 0;
+    }
+    return found;
+}
+static size_t gPipes = ~0U; // the test's own, where libevent has none
+
+// In a forked child: uses what it has inherited, and then services of its own.
+static void child_life()
+{
+    calls_stop();
+    alarm(30); // a child that hangs ends by this
+#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__
+    const bool watched = true;
+#else
+    const bool watched = getenv("KELVARA_EMULATED") != nullptr;
+#endif
+    if (watched)
+        return; // by what cannot follow a child of several threads: its own locks may be held
+    char msg[] = "C";
+    log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
+    EXPECT_EQ(0U, open_to("anon_inode:[eventfd]")); // libevent's are made with locks only
+    EXPECT_EQ(0, dmn_serv_tx_clit_msg(msg, 1) + self_feddog_exit() + dmn_server_exit() +
+                     log_system_exit());
+    EXPECT_GE(gPipes, open_to("pipe:"));
+    EXPECT_EQ(0U, open_to(gDir.path)) << "log file";
+    static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
+                             LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
+    static tDmnServCfg cfg;
+    const std::string name = "child" + std::to_string(getpid());
+    set_path(cfg.dmNme, name);
+    set_path(logCfg.saveLogPath, name);
+    EXPECT_EQ(0, log_system_init(&logCfg) + dmn_server_init(&cfg));
+    const int fd = unix_connect_soon(cfg.dmNme);
+    EXPECT_TRUE(wait_until([&] {
+        dmn_serv_tx_clit_msg(msg, 1);
+        return recv(fd, msg, 1, MSG_DONTWAIT) == 1;
+    })) << "the child's server serves nobody";
+    log_msg(LOG_LEV_OFF, "child", "f", 1, "own\n");
+    dmn_server_exit();
+    log_system_exit();
+    size_t lines = 0;
+    for (const std::string end : {"", "-00.log", "-01.log"}) { // the turn is inherited
+        lines += count_of(slurp((gDir / name) + end), "own\n");
+        unlink(((gDir / name) + end).c_str());
+    }
+    EXPECT_EQ(1U, lines) << "in the child's own log";
+}
+
+// Forks on a thread of its own, and waits for the child.
+struct tFork {
+    std::atomic<bool> done{false};
+    std::atomic<pid_t> child{0};
+    int status = -1;
+    std::thread thread{[this] {
+        calls_uncounted([this] {
+            const pid_t pid = fork();
+            if (pid == 0) {
+                child_life();
+                fflush(stdout);
+                leave(testing::Test::HasFailure());
+            }
+            child = pid;
+            waitpid(pid, &status, 0);
+            done = true;
+        });
+    }};
+};
+
+static bool random_life()
+{
+    char *text = gen_random_number_string(3);
+    free(text);
+    return text != nullptr;
+}
+
+class Forks : public tScenarios
+{
+};
+
+TEST_P(Forks, ChildIsForkedAtEachCall)
+{
+    gAwaitMs = 30000; // a thread may wait for a child
+    if (GetParam().run == gicWriterLog.run)
+        gPipes = open_to("pipe:");
+    std::unique_ptr<tFork> forked;
+    const auto happens = [&](const tCall &call) {
+        const std::string name = call.name;
+        gbLogAtFork = true;
+        forked = std::make_unique<tFork>();
+        // A thread that is in the way of the fork goes on, and lets it be.
+        if (wait_until([&] { return forked->child != 0; }, 30))
+            wait_until([&] { return forked->done.load(); }, 60000);
+        EXPECT_TRUE((name != "localtime_r" && name != "rand") || forked->child == 0)
+            << "inside the C library";
+        return spare(call);
+    };
+    const auto after = [&](const tLife &life) {
+        if (forked == nullptr)
+            return;
+        forked->thread.join();
+        EXPECT_EQ(0, forked->status);
+        EXPECT_TRUE(life.worked);
+        forked = nullptr;
+        gbLogAtFork = false;
+    };
+    EXPECT_GT(sweep(GetParam(), {any_call, happens, after}), 4U);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Forks,
+                         testing::Values(gicDirectLog, gicWriterLog, gicServer, gicConsoleServer,
+                                         gicDog, tScenario{"random", random_life}),
+                         testing::PrintToStringParamName());
+
+// Descendants append, wherever the owner has brought the end of the file, and even if the process
+// between them has ended. They rotate once the owner has.
+TEST(Descendants, AppendAndTheOwnerRotates)
+{
+    tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 2, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
+    set_path(cfg.saveLogPath, "o");
+    void *const shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    std::atomic<int> &turn = *new (shared) std::atomic<int>(0);
+    const auto log = [&](int mine, const std::vector<const char *> &lines) {
+        if (!wait_until([&] { return turn == mine; }))
+            leave(1);
+        for (const char *line : lines)
+            logger(0, 0, line);
+        ++turn;
+    };
+    const pid_t owner = fork();
+    if (owner == 0) {
+        log_system_init(&cfg);
+        if (fork() == 0) {
+            if (fork() != 0)
+                leave(0);
+            log(1, {"a\n", "b\n", "c\n"});
+            log(3, {"d\n"});
+            log(6, {"e\n"});
+            leave(0);
+        }
+        wait(nullptr);
+        log(0, {"1\n"});
+        log(2, {"2\n", "3\n", "4\n", "5\n"});
+        log(4, {});
+        leave(0);
+    }
+    waitpid(owner, nullptr, 0);
+    log(5, {});
+    EXPECT_TRUE(wait_until([&] { return turn == 7; }));
+    EXPECT_EQ("5\nd\n", slurp(gDir / "o-00.log"));
+    EXPECT_EQ("e\n", slurp(gDir / "o-01.log"));
+}
+
+// A child and a command of a daemon keep none of its descriptors: its peers see its end, and the
+// child does not hang in a log pipe without a reader.
+TEST(Descendants, HoldNothingOfTheDaemon)
+{
+    static tDmnServCfg serv;
+    static tFeddogCfg dogCfg = {0, 100, "forks", ""};
+    tLogCfg cfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO, ~0U, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
+    set_path(cfg.saveLogPath, "p");
+    set_path(serv.dmNme, "s");
+    set_path(dogCfg.txFeddogHtDmNme, "d");
+    const int dog = unix_listen(dogCfg.txFeddogHtDmNme);
+    const auto stop = [] { return self_feddog_exit() + dmn_server_exit() + log_system_exit(); };
+    output_of([&] {
+        EXPECT_EQ(0, log_system_init(&cfg) + dmn_server_init(&serv) + self_feddog_init(&dogCfg));
+    });
+    const int peers[] = {accept(dog, nullptr, nullptr), unix_connect_soon(serv.dmNme)};
+    EXPECT_TRUE(wait_until([&] {
+        char byte[] = "P";
+        dmn_serv_tx_clit_msg(byte, 1);
+        return recv(peers[1], byte, 1, MSG_DONTWAIT) == 1;
+    }));
+    EXPECT_EQ("kelvara_dog\nkelvara_log\nkelvara_serv\n",
+              output_of([] { (void)!system("sort /proc/$PPID/task/*/comm | grep kelvara_"); }));
+    int command = 0;
+    FILE *shell = popen("sleep 60 >/dev/null & echo $!", "r");
+    ASSERT_EQ(1, fscanf(shell, "%d", &command));
+    pclose(shell);
+    EXPECT_EQ(0U, open_to(gDir.path, std::to_string(command))) << "log file";
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        signal(SIGPIPE, SIG_DFL);
+        close(ends[1]);
+        log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
+        (void)!write(ends[0], "", 1);
+        (void)!read(ends[0], ends, 1);
+        for (int i = 0; i < 700; ++i) // more than the pipe holds
+            log_msg(LOG_LEV_OFF, "child", "f", 1, "%080d late\n", i);
+        leave(stop());
+    }
+    close(ends[0]);
+    EXPECT_EQ(1U, read_bytes(ends[1], 1).size());
+    output_of([&] { EXPECT_EQ(0, stop()); });
+    EXPECT_EQ(-1, unix_connect(serv.dmNme));
+    for (const int fd : peers) {
+        (void)read_bytes(fd, 1 << 20); // all up to the end
+        close(fd);
+    }
+    EXPECT_EQ(0, kill(command, SIGKILL));
+    close(ends[1]);
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(1U, count_of(slurp(gDir / "p-00.log"), "child 0001]"));
+    close(dog);
+}
 
 static const tScenario *gpStarved;
 static size_t gLeft; // that many free descriptors
