@@ -105,7 +105,7 @@ extern "C" void *malloc(size_t size)
 TEST(Log, AllocatesNothing)
 {
     for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD})
-        logged(log_cfg(mode, LOG_SWITCH_ON, gDir / "a"), [] {
+        logged(to_file(gDir / "a", 0, mode), [] {
             const auto log = [] { log_msg(LOG_LEV_OFF, "a", "f", 1, "%500s %f\n", "x", 0.1); };
             log(); // the first one looks at the time zone
             const unsigned before = gAllocated;
