@@ -71,7 +71,8 @@ debian_tree() {
   rm -rf "$folder.new"
   mmdebstrap --mode=chrootless --variant=extract --architectures="$2" --include="${*:3}" \
     --setup-hook='cd "$1" && mkdir -p usr/bin usr/lib usr/sbin && ln -s usr/* .' \
-    --skip=cleanup/apt/cache "$release" "$folder.new" ${sources:+"$sources"} >"$folder.log" 2>&1 \
+    --skip=cleanup/apt/cache --aptopt='Acquire::Check-Valid-Until "false"' \
+    "$release" "$folder.new" ${sources:+"$sources"} >"$folder.log" 2>&1 \
     || { echo "SKIPPED, no packages for $2: $(tail -n 1 "$folder.log")" >&2; return 77; }
   echo "$packages" >"$folder.new/packages"
   rm -rf "$folder"

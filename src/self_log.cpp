@@ -93,6 +93,12 @@ static int _make_log_pipe()
     return -1;
 }
 
+// A thread that finds the pipe open finds its descriptors, not those of an earlier one.
+static bool _log_pipe_open()
+{
+    return __atomic_load_n(&gibLogPpOpn, __ATOMIC_ACQUIRE);
+}
+
 // A caller that is still there keeps the pipe for good: a closed one would end the host by SIGPIPE,
 // or let the line into what gets the descriptor's number next.
 static void _close_log_pipe_end(int *aiopFd)
@@ -111,7 +117,7 @@ __attribute__((cold)) static int _set_log_pipe(int aicEnds)
     const int ret = aicEnds == 2 ? _make_log_pipe() : 0;
     for (int i = 0; i < 2 - aicEnds; ++i)
         _close_log_pipe_end(&giLogPpFdAry[i]);
-    _poke(&gibLogPpOpn, giLogPpFdAry[1] != -1);
+    __atomic_store_n(&gibLogPpOpn, giLogPpFdAry[1] != -1, __ATOMIC_RELEASE);
     (void)pthread_mutex_unlock(&giSvLogLk);
     return ret;
 }
@@ -335,7 +341,7 @@ static void _deliver(const char *aipcMsg)
     if (!_peek(&gibLogPpOpn))
         return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
-    const int fd = _peek(&gibLogPpOpn) ? _peek(&giLogPpFdAry[1]) : -1;
+    const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[1]) : -1;
     if (_peek(&giLogPpFdAry[0]) == -1)
         _write_owners_pipe(fd, aipcMsg);
     else
@@ -383,7 +389,7 @@ static void *_rx_log_func_pth(void *)
     // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
     (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
-        const int fd = _peek(&giLogPpFdAry[0]);
+        const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[0]) : -1;
         const int ready = _wait_log_pipe(fd);
         if (ready > 0) {
             (void)_rx_log_chunk(fd); // reported; the loop goes on
