@@ -3,21 +3,12 @@
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
+#include <cstdint>
 #include <ctime>
-#include <event2/event.h>
-#include <execinfo.h>
-#include <ifaddrs.h>
 #include <map>
 #include <mutex>
-#include <poll.h>
 #include <pthread.h>
-#include <semaphore.h>
-#include <sys/ioctl.h>
-#include <sys/resource.h>
-#include <sys/select.h>
-#include <sys/socket.h>
+#include <sys/time.h>
 
 static std::atomic<bool> gWatching{false};
 static thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
@@ -25,7 +16,6 @@ static std::mutex gLk;            // guards the three below
 static tCallRule gRule;
 static std::vector<std::string> gSeen;
 static std::map<std::string, unsigned> gCounts;
-static std::atomic<const char *> gExitText{""};
 
 static int _enter(const char *name)
 {
@@ -71,11 +61,6 @@ void calls_uncounted(const std::function<void()> &body)
     gInside = was;
 }
 
-std::string calls_exit_text()
-{
-    return gExitText.load();
-}
-
 void calls_stop()
 {
     gWatching = false;
@@ -116,98 +101,86 @@ unsigned calls_count(const std::string &name)
 #define time         __time64
 #endif
 
-// A failing call sets errno and gives `failed`; the pthread calls give the error number itself.
-#define WRAP(type, name, params, args, failed) WRAP_AS(type, name, #name, params, args, failed)
-#define WATCH(type, name, params, args)        WATCH_AS(type, name, #name, params, args)
-#define WRAP_AS(type, name, said, params, args, failed)                                            \
-    extern "C" type __real_##name params;                                                          \
-    extern "C" type __wrap_##name params;                                                          \
-    type __wrap_##name params                                                                      \
+// Every argument of these functions is a number or a pointer of at most a word, and so is the
+// result but for a time: one signature serves all of them.
+using tWord = intptr_t;
+#define WRAP_AS(type, name, said, fails, failed)                                                   \
+    extern "C" type __real_##name(tWord, tWord, tWord, tWord, tWord);                              \
+    extern "C" type __wrap_##name(tWord a, tWord b, tWord c, tWord d, tWord e);                    \
+    type __wrap_##name(tWord a, tWord b, tWord c, tWord d, tWord e)                                \
     {                                                                                              \
-        if (int err = _enter(said)) {                                                              \
+        [[maybe_unused]] const int err = _enter(said);                                             \
+        if (fails) {                                                                               \
             errno = err;                                                                           \
             return failed;                                                                         \
         }                                                                                          \
-        return __real_##name args;                                                                 \
+        return __real_##name(a, b, c, d, e);                                                       \
     }
+// A failing call sets errno and gives `failed`.
+#define WRAP(name, failed)    WRAP_AS(tWord, name, #name, err != 0, failed)
+#define WRAPTIME(name, shown) WRAP_AS(time_t, name, #name, err != 0, shown)
 // One that cannot fail is only counted and, by its rule, held.
-#define WATCH_AS(type, name, said, params, args)                                                   \
-    extern "C" type __real_##name params;                                                          \
-    extern "C" type __wrap_##name params;                                                          \
-    type __wrap_##name params                                                                      \
-    {                                                                                              \
-        (void)_enter(said);                                                                        \
-        return __real_##name args;                                                                 \
-    }
+#define WATCH(name) WRAP_AS(tWord, name, #name, false, 0)
 
-using tEtCb = void (*)(int, short, void *);
-using tStart = void *(*)(void *);
-
-WRAP(int, accept, (int a, sockaddr *b, socklen_t *c), (a, b, c), -1)
-WRAP(int, bind, (int a, const sockaddr *b, socklen_t c), (a, b, c), -1)
-WRAP(int, connect, (int a, const sockaddr *b, socklen_t c), (a, b, c), -1)
-WRAP(int, listen, (int a, int b), (a, b), -1)
-WRAP(int, socket, (int a, int b, int c), (a, b, c), -1)
-WRAP(int, setsockopt, (int a, int b, int c, const void *d, socklen_t e), (a, b, c, d, e), -1)
-WRAP(int, fcntl, (int a, int b, long c), (a, b, c), -1)
-WRAP(int, ioctl, (int a, unsigned long b, void *c), (a, b, c), -1)
-WRAP(int, eventfd, (unsigned a, int b), (a, b), -1)
-WRAP(int, pipe, (int *a), (a), -1)
-WRAP(int, poll, (pollfd * a, nfds_t b, int c), (a, b, c), -1)
-WRAP(int, select, (int a, fd_set *b, fd_set *c, fd_set *d, timeval *e), (a, b, c, d, e), -1)
-WRAP(ssize_t, read, (int a, void *b, size_t c), (a, b, c), -1)
-WRAP(ssize_t, write, (int a, const void *b, size_t c), (a, b, c), -1)
-WATCH(int, close, (int a), (a))
-WRAP(int, unlink, (const char *a), (a), -1)
-WRAP(int, kill, (pid_t a, int b), (a, b), -1)
-WRAP(int, sigprocmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c), -1)
-WATCH(int, pthread_sigmask, (int a, const sigset_t *b, sigset_t *c), (a, b, c))
-WATCH(sighandler_t, signal, (int a, sighandler_t b), (a, b))
-WRAP(int, execl, (const char *a, const char *b, const char *c, const char *d, void *e),
-     (a, b, c, d, e), -1)
-WRAP(int, getdtablesize, (), (), -err)
-WRAP(int, getrlimit, (int a, rlimit *b), (a, b), -1)
-WRAP(int, setrlimit, (int a, const rlimit *b), (a, b), -1)
-WRAP(int, getifaddrs, (ifaddrs * *a), (a), -1)
-WATCH(void, freeifaddrs, (ifaddrs * a), (a))
-WRAP(const char *, inet_ntop, (int a, const void *b, char *c, socklen_t d), (a, b, c, d), nullptr)
-WRAP(FILE *, fopen, (const char *a, const char *b), (a, b), nullptr)
-WRAP(FILE *, fdopen, (int a, const char *b), (a, b), nullptr)
-WATCH(int, fclose, (FILE * a), (a))
-WRAP(int, fflush, (FILE * a), (a), EOF)
-WRAP(size_t, fwrite, (const void *a, size_t b, size_t c, FILE *d), (a, b, c, d), 0)
-WRAP(void *, malloc, (size_t a), (a), nullptr)
-WRAP(void *, calloc, (size_t a, size_t b), (a, b), nullptr)
-WRAP(void *, realloc, (void *a, size_t b), (a, b), nullptr)
-WATCH(void, free, (void *a), (a))
-WATCH(int, rand, (), ())
 // A clock does not fail: it shows the first second of 2040, the next time the next one.
-WRAP(time_t, time, (time_t * a), (a), 2208988800)
-WRAP(int, gettimeofday, (timeval * a, void *b), (a, b),
-     (a->tv_sec = 2208988799 + calls_count("gettimeofday"), 0))
-WATCH(int, sched_yield, (), ())
-WATCH(tm *, localtime_r, (const time_t *a, tm *b), (a, b))
-WRAP(int, nanosleep, (const timespec *a, timespec *b), (a, b), -1)
-WRAP(int, backtrace, (void **a, int b), (a, b), 0)
-WRAP(int, pthread_create, (pthread_t * a, const pthread_attr_t *b, tStart c, void *d), (a, b, c, d),
-     err)
-WATCH(int, pthread_cancel, (pthread_t a), (a))
-WATCH(int, pthread_join, (pthread_t a, void **b), (a, b))
-extern "C" [[noreturn]] void __real_pthread_exit(void *);
-extern "C" [[noreturn]] void __wrap_pthread_exit(void *a);
-void __wrap_pthread_exit(void *a)
+static int _set_clock(tWord aiNow)
 {
-    gExitText = static_cast<const char *>(a);
-    (void)_enter("pthread_exit");
-    __real_pthread_exit(a);
+    reinterpret_cast<timeval *>(aiNow)->tv_sec = 2208988799 + calls_count("gettimeofday");
+    return 0;
 }
-WATCH(int, pthread_setcancelstate, (int a, int *b), (a, b))
-WATCH(int, pthread_setcanceltype, (int a, int *b), (a, b))
-WATCH(int, pthread_rwlock_tryrdlock, (pthread_rwlock_t * a), (a))
-WATCH(int, pthread_rwlock_trywrlock, (pthread_rwlock_t * a), (a))
-WRAP(int, sem_wait, (sem_t * a), (a), -1)
-WRAP(event_base *, event_base_new, (), (), nullptr)
-WRAP(int, event_base_dispatch, (event_base * a), (a), -1)
-WRAP(event *, event_new, (event_base * a, int b, short c, tEtCb d, void *e), (a, b, c, d, e),
-     nullptr)
-WRAP(int, event_add, (event * a, const timeval *b), (a, b), -1)
+
+WRAP(accept, -1)
+WRAP(bind, -1)
+WRAP(connect, -1)
+WRAP(listen, -1)
+WRAP(socket, -1)
+WRAP(setsockopt, -1)
+WRAP(fcntl, -1)
+WRAP(ioctl, -1)
+WRAP(eventfd, -1)
+WRAP(pipe, -1)
+WRAP(poll, -1)
+WRAP(select, -1)
+WRAP(read, -1)
+WRAP(write, -1)
+WRAP(unlink, -1)
+WRAP(kill, -1)
+WRAP(sigprocmask, -1)
+WRAP(execl, -1)
+WRAP(getrlimit, -1)
+WRAP(setrlimit, -1)
+WRAP(getifaddrs, -1)
+WRAP(nanosleep, -1)
+WRAP(event_base_dispatch, -1)
+WRAP(event_add, -1)
+WRAP(fflush, -1)
+WRAP(inet_ntop, 0)
+WRAP(fopen, 0)
+WRAP(fdopen, 0)
+WRAP(fwrite, 0)
+WRAP(malloc, 0)
+WRAP(calloc, 0)
+WRAP(realloc, 0)
+WRAP(backtrace, 0)
+WRAP(event_base_new, 0)
+WRAP(event_new, 0)
+WRAP(getdtablesize, -err)
+WRAP(pthread_create, err)
+WRAP(gettimeofday, _set_clock(a))
+WRAPTIME(time, 2208988800)
+WATCH(close)
+WATCH(pthread_sigmask)
+WATCH(signal)
+WATCH(freeifaddrs)
+WATCH(fclose)
+WATCH(free)
+WATCH(rand)
+WATCH(sched_yield)
+WATCH(localtime_r)
+WATCH(pthread_cancel)
+WATCH(pthread_join)
+WATCH(pthread_setcancelstate)
+WATCH(pthread_setcanceltype)
+WATCH(pthread_rwlock_tryrdlock)
+WATCH(pthread_rwlock_trywrlock)
+WATCH(pthread_exit)

@@ -21,8 +21,6 @@ using tCallRule = std::function<int(const tCall &)>;
 
 // Starts counting from zero under `rule` (none: only count). Calls of every thread are seen.
 void calls_watch(tCallRule rule = nullptr);
-// What the last thread gave pthread_exit().
-std::string calls_exit_text();
 // What `body` calls on this thread is the test's own and not counted.
 void calls_uncounted(const std::function<void()> &body);
 // Stops counting; what was seen stays readable.
