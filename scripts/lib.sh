@@ -36,7 +36,7 @@ need_packages() {
 }
 
 # What a preset's build needs besides the compiler.
-build_packages=(cmake ninja-build g++ libevent-dev libconfig-dev)
+build_packages=(cmake ninja-build g++ libevent-dev libconfig-dev libgtest-dev)
 
 # build_preset PRESET [cmake arguments]: configures and builds build/PRESET.
 build_preset() {
@@ -98,6 +98,6 @@ need_cross() {
 need_board() {
   (need_packages cpio kmod qemu-system-arm) || return 77
   mkdir -p "$root/build/board"
-  debian_tree "$root/build/board/tree" armhf linux-image-armmp busybox-static bash python3-minimal \
+  debian_tree "$root/build/board/tree" armhf linux-image-armmp busybox-static bash python3 \
     cmake libevent-dev libconfig-dev libstdc++6
 }
