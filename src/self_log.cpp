@@ -342,9 +342,9 @@ static void _deliver(const char *aipcMsg)
         return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
     const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[1]) : -1;
-    if (_peek(&giLogPpFdAry[0]) == -1)
+    if (fd != -1 && _peek(&giLogPpFdAry[0]) == -1)
         _write_owners_pipe(fd, aipcMsg);
-    else
+    else if (fd != -1)
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
     (void)__atomic_sub_fetch(&giLogUsers, 1, __ATOMIC_RELEASE);
 }

@@ -332,6 +332,7 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
             const auto start = std::chrono::steady_clock::now();
             EXPECT_EQ(0, log_system_exit());
             EXPECT_TRUE(!row.stuck || ms_since(start) >= 500) << "gives the caller its time";
+            EXPECT_LT(calls_count("poll"), 500U) << "of 2 ms: it has waited twice";
             left = true;
             int foreign[2] = {};
             for (int &fd : foreign)
