@@ -125,7 +125,7 @@ using tWord = intptr_t;
 // A clock does not fail: it shows the first second of 2040, the next time the next one.
 static int _set_clock(tWord aiNow)
 {
-    reinterpret_cast<timeval *>(aiNow)->tv_sec = 2208988799 + calls_count("gettimeofday");
+    *reinterpret_cast<timeval *>(aiNow) = {2208988799 + calls_count("gettimeofday"), 70942};
     return 0;
 }
 
