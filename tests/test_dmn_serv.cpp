@@ -114,6 +114,21 @@ TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
     }
 }
 
+TEST(DmnServ, ReadersGetAllBesideOthersThatDoNotRead)
+{
+    tServer server;
+    const int reads = server.client();
+    const int sleeps = server.client();
+    const std::string message = noise(1000);
+    for (int i = 0; i < 1000; ++i) { // more than a client's socket holds
+        broadcast(std::to_string(1000 + i) + message);
+        ASSERT_EQ(std::to_string(1000 + i) + message, read_bytes(reads, 1004));
+    }
+    EXPECT_EQ("1000" + message, read_bytes(sleeps, 1004));
+    close(reads);
+    close(sleeps);
+}
+
 TEST(DmnServ, AdmissionFailures)
 {
     const struct {

@@ -12,6 +12,7 @@
 #include <regex>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 static const eLogLevl gicDbLev = LOG_LEV_INFO;
@@ -249,6 +250,18 @@ TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
             cfg, [] {}, -4);
         EXPECT_EQ(1U, count_of(said, base + (mode == LOG_FILE_TWO ? "-00.\n" : "-20")));
     }
+}
+
+TEST(LogRotation, NoLineIsLostWhenTheProcessIsKilled)
+{
+    const tLogCfg cfg = to_file(gDir / "k", 9);
+    if (fork() == 0) {
+        log_system_init(&cfg);
+        logger(0, 0, "line\n");
+        kill(getpid(), SIGKILL);
+    }
+    wait(nullptr);
+    EXPECT_EQ("line\n", slurp(gDir / "k-00.log"));
 }
 
 TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
