@@ -78,10 +78,11 @@ check_minimal() { # check_minimal PROGRAM TAP: serves, and stops on SIGTERM
 
 check_cmake() { # check_cmake BIN [OPTION...]: the outside project, and what it runs
   { cmake -S "$source/tests/outside" -B "$work/cmake" -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" -DEXAMPLES="$source/examples/modules" \
-    -DMINIMAL="$source/examples/minimal.c" "${@:2}" \
+    -DCMAKE_CXX_COMPILER="$cxx" "${cross_cmake[@]}" "${@:2}" \
+    -DSOURCES="$source/examples/minimal.c;$source/examples/modules/self_fifo.cpp" \
     && cmake --build "$work/cmake" -j 2; } >"$work/log" 2>&1 \
     || { tail -n 30 "$work/log"; die "CMake"; }
+  check_example "$work/cmake/self_fifo" "$1"
   check_minimal "$work/cmake/minimal" "$1/tap"
 }
 
@@ -162,10 +163,7 @@ case $what in
     "$cc" -I"$work/prefix/include/kelvara" "$source/examples/minimal.c" -o "$work/plain" -L"$lib" \
       -lkelvara -levent_core -lconfig -pthread "${cross_flags[@]}" || die "minimal by plain options"
     check_flags "$lib" "$bin" "$source"/examples/modules/*.c{,pp}
-    check_cmake "$bin" -Dkelvara_DIR="$lib/cmake/kelvara"
-    for example in "$source"/examples/modules/*.out; do
-      check_example "$work/cmake/$(basename "${example%.out}")" "$bin"
-    done ;;
+    check_cmake "$bin" -Dkelvara_DIR="$lib/cmake/kelvara" ;;
   packages)
     "$source/scripts/package" "$arch" || die "scripts/package"
     mkdir -p "$work/elsewhere/build"
