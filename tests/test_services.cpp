@@ -9,6 +9,7 @@
 #include <event2/thread.h>
 #include <map>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
@@ -98,8 +99,14 @@ TEST_P(Failures, EachCallFailsOnce)
     const tScenario &scenario = GetParam();
     std::string said;
     const auto after = [&](const tLife &life) { said += tagged(life.said); };
+    const auto host = std::this_thread::get_id();
     for (const int err : {EINTR, ENOMEM})
-        sweep(scenario, {any_call, [=](const tCall &) { return err; }, after});
+        for (const bool hosts : {true, false}) { // the order between threads is not the same twice
+            const auto counts = [=](const tCall &) {
+                return (std::this_thread::get_id() == host) == hosts;
+            };
+            sweep(scenario, {counts, [=](const tCall &) { return err; }, after});
+        }
     const auto [first, last] = reports.equal_range(scenario.name);
     for (auto at = first; at != last; ++at)
         EXPECT_NE(std::string::npos, said.find(at->second)) << at->second;
@@ -191,27 +198,11 @@ static void child_life()
                      log_system_exit());
     EXPECT_GE(gPipes, open_to("pipe:"));
     EXPECT_EQ(0U, open_to(gDir.path)) << "log file";
-    static tLogCfg logCfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,  9,
-                             LOG_SWITCH_OFF,      LOG_SWITCH_ON, ""};
-    static tDmnServCfg cfg;
-    const std::string name = "child" + std::to_string(getpid());
-    set_path(cfg.dmNme, name);
-    set_path(logCfg.saveLogPath, name);
-    EXPECT_EQ(0, log_system_init(&logCfg) + dmn_server_init(&cfg));
-    const int fd = unix_connect_soon(cfg.dmNme);
-    EXPECT_TRUE(wait_until([&] {
-        dmn_serv_tx_clit_msg(msg, 1);
-        return recv(fd, msg, 1, MSG_DONTWAIT) == 1;
-    })) << "the child's server serves nobody";
-    log_msg(LOG_LEV_OFF, "child", "f", 1, "own\n");
-    dmn_server_exit();
-    log_system_exit();
-    size_t lines = 0;
-    for (const std::string end : {"", "-00.log", "-01.log"}) { // the turn is inherited
-        lines += count_of(slurp((gDir / name) + end), "own\n");
-        unlink(((gDir / name) + end).c_str());
-    }
-    EXPECT_EQ(1U, lines) << "in the child's own log";
+    gDir.path = gDir / std::to_string(getpid());
+    EXPECT_EQ(0, mkdir(gDir.path.c_str(), 0700));
+    EXPECT_TRUE(gicDirectLog.run()) << "a log of the child's own";
+    EXPECT_TRUE(gicServer.run()) << "a server of the child's own";
+    rmdir(gDir.path.c_str());
 }
 
 // Forks on a thread of its own, and waits for the child.
