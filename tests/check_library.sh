@@ -58,7 +58,9 @@ barriers() { # barriers WANTED KINDS FUNCTION...: the instructions of these kind
   done
 }
 case "$(readelf -h "$library" | grep Machine:) $4" in
-  *ARM*)
+  *ARM*) # where 40 KiB is the limit
+    text=$("${objdump%objdump}size" "$library" | awk 'END { print $1 }')
+    ((text <= 40960)) || { echo "text: wanted at most 40960 bytes, got $text"; fail=1; }
     barriers "strex dmb" 'strex|dmb' spinlock_try_lock spinlock_lock
     barriers "dmb str" 'dmb|str' spinlock_unlock ;;
   *X86-64*Release)
