@@ -46,7 +46,7 @@ unwrapped() {
   local name
   nm -D --undefined-only "$library" | sed -n 's/.* U \([a-z][a-z0-9_]*\)\(@.*\)\?$/\1/p' \
     | grep -vxE "${left_out//$'\n'/}" | while read -r name; do
-      grep -qE "^W[A-Z]+\($name[,)]" "$1/tests/calls.cpp" || echo "$name"
+      grep -qE "^W[A-Z]+\(${name}[,)]" "$1/tests/calls.cpp" || echo "$name"
     done
 }
 
