@@ -67,7 +67,7 @@ debian_tree() {
   release=${release:-$own}
   # The mirror that the machine uses.
   sources=$(apt-get indextargets 'Created-By: Packages' "Release: $own" 'Component: main' \
-    --format "deb \$(REPO_URI) $release main" | head -n 1)
+    --format "deb \$(REPO_URI) $release main" | sed -n 1p)
   rm -rf "$folder.new"
   mmdebstrap --mode=chrootless --variant=extract --architectures="$2" --include="${*:3}" \
     --setup-hook='cd "$1" && mkdir -p usr/bin usr/lib usr/sbin && ln -s usr/* .' \
