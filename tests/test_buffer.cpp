@@ -99,6 +99,8 @@ TEST(Buffer, RandomOperations)
         }
         ASSERT_EQ(held, buffer_memory);
     }
+    for (const tModel &m : all)
+        buffer_free(m.b);
 }
 
 // What is refused leaves the buffer as it was.

@@ -69,7 +69,7 @@ TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
     };
     for (const auto &row : table) {
         SCOPED_TRACE(testing::Message() << row.sec << " s " << row.usec << " us");
-        const long period = row.sec * 1000L + row.usec / 1000;
+        const long period = static_cast<long>(row.sec) * 1000 + static_cast<long>(row.usec) / 1000;
         tFed fed(row.sec, row.usec, row.name);
         if (row.bytes.empty()) {
             event_base_loop(fed.base, EVLOOP_NONBLOCK);

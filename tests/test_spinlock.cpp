@@ -15,12 +15,12 @@ TEST(Spinlock, BackOff)
         want.push_back(k % 2 ? "sched_yield" : "nanosleep");
     spinlock_t lock{7};
     spinlock_init(&lock);
-    for (unsigned last : {1u, 28u, 29u, 30u, 56u}) {
+    for (int last : {1, 28, 29, 30, 56}) {
         SCOPED_TRACE(last);
         EXPECT_EQ(0, lock.v_);
         EXPECT_EQ(1, spinlock_try_lock(&lock));
         calls_watch([&](const tCall &call) {
-            if (call.index == last)
+            if (call.index == static_cast<unsigned>(last))
                 spinlock_unlock(&lock);
             return call.name == std::string("nanosleep") ? EINTR : 0;
         });
