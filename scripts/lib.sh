@@ -49,11 +49,6 @@ build_preset() {
          die "building $preset: see build/$preset.log"; }
 }
 
-# build_examples PRESET FOLDER: the library and the example programs alone.
-build_examples() {
-  { cmake --preset "$1" -B "$2" -DKELVARA_BUILD_TESTS=OFF && cmake --build "$2" -j "$jobs"; } \
-    >"$2.log" 2>&1 || { tail -n 30 "$2.log" >&2; die "building: see $2.log"; }
-}
 mkdir -p "$root/build"
 
 # debian_tree FOLDER ARCH PACKAGE...: unpacks packages and all that they depend on, once. None of

@@ -110,7 +110,7 @@ class Examples(unittest.TestCase):
         for old, new, text in (
                 ("50000", "0", rb"^conf:3: .* from 1 to 999999"),
                 (INPUT, "baudRate = 9601", rb"^conf:4: gnss\.baudRate: allowed"),
-                ("dmNme", "dmNm", rb"^conf:2: server\.dmNm: unknown, .* dmNme\n.*dmNme: this key is"),
+                ("dmNme", "dmNm", rb"^conf:2: server\.dmNm: unknown, .*\n.*\.dmNme: this key is"),
                 ("gnss = {", "more = {", rb"^conf:4: more: allowed are"),
                 ("server = {", "server = {\n;", rb"^conf:3: syntax")):
             with self.subTest(new):
