@@ -9,16 +9,14 @@
  *     if (len >= 0)
  *         text[len] = '\0';                             // the functions write no terminator
  *
- * Both functions work from one counted run into another of stated room.
+ * Threads: any number of threads may call both functions at the same time; there is no state.
+ * Nothing blocks, nothing is allocated and no reference is kept. Input and output belong to the
+ * caller and must not overlap.
  *
- * Threads: no state; any number of threads at the same time. Nothing blocks, nothing is allocated
- * and no reference is kept: input and output belong to the caller, and must not overlap.
- *
- * Pointers are not checked; they may be null where their length is 0. Results are ints, so keep
+ * Pointers are not checked; they may be null if their length is 0. Results are ints, so keep
  * outputs within INT_MAX.
  *
- * What is lost on failure: nothing is written beyond the stated room, but what was written before
- * the failure stays in the output.
+ * Failures: nothing is written beyond dst_len, but output written before a failure stays.
  *
  * Every program that links the library defines gLogLevl: see common/self_log.h.
  *
@@ -37,22 +35,22 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/** Encodes src_len bytes of src into dest, which has room for dst_len characters; it takes 4 *
- * ((src_len + 2) / 3) of them. Writes no terminating zero.
- * @return the number of characters written, or -1 when dest is too small; the groups that did fit
- * are then in dest */
+/** Encodes src_len bytes of src into dest, which has room for dst_len characters; 4 * ((src_len +
+ * 2) / 3) of them are needed. Writes no terminating zero.
+ * @return the number of characters written, or -1 when dest is too small; dest then holds the
+ * groups that fit */
 int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t dst_len);
 
-/** Decodes src_len characters of src into dest, which has room for dst_len bytes, group by group of
- * 4 characters. Lenient in these cases, all without an error:
- *   - a group with '=' third or fourth gives 1 or 2 bytes and ends the text, whatever follows;
- *   - 1 to 3 characters after the last whole group are ignored;
- *   - bits of a padded group that reach no byte are ignored ("QR==" is "QQ==");
- *   - where fewer than 3 bytes of room are left decoding stops, before a padded group too, so
- *     give dest 3 bytes for every 4 characters.
- * @return the number of bytes written, or -1 at a group with a character outside the alphabet
- * (line breaks and blanks are outside) or with '=' as its first or second character; the bytes
- * of the groups before are then in dest */
+/** Decodes src_len characters of src into dest, which has room for dst_len bytes, in groups of 4
+ * characters. These cases are not errors:
+ * - a group with '=' third or fourth gives 1 or 2 bytes and ends the text; the rest is ignored;
+ * - 1 to 3 characters after the last whole group are ignored;
+ * - bits of a padded group that reach no byte are ignored ("QR==" is "QQ==");
+ * - decoding stops when fewer than 3 bytes of room are left, also before a padded group, so give
+ *   dest 3 bytes for every 4 characters.
+ * @return the number of bytes written, or -1 at a group with a character outside the alphabet (line
+ * breaks and blanks are outside) or with '=' as its first or second character; dest then holds the
+ * bytes of the groups before */
 int bbase64_decode(const char *src, size_t src_len, unsigned char *dest, size_t dst_len);
 
 #pragma GCC visibility pop

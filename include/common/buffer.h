@@ -3,9 +3,9 @@
  * @file
  * buffer: a growable byte buffer, with writers in network byte order.
  *
- * For assembling a message before it is sent, and for collecting what a descriptor delivers until
- * a whole message is there. Data is appended at the end, where the buffer grows as needed, and
- * consumed from the front. The smallest use:
+ * It assembles a message before it is sent, and collects data from a descriptor until a message is
+ * complete. Data is appended at the end, where the buffer grows as needed, and consumed from the
+ * front. The smallest use:
  *
  *     #include <common/buffer.h>
  *     buffer_t *b = buffer_init(0);
@@ -25,25 +25,28 @@
  *         }
  *     }
  *
- * Threads: a buffer is used by one thread at a time, there is no lock in it. Different buffers may
- * be used by different threads; the counter they share, buffer_memory, is atomic.
+ * @par Threads
+ * A buffer is used by one thread at a time; it has no lock. Different threads may use different
+ * buffers. The counter that all buffers share, buffer_memory, is atomic. Only read_buffer() can
+ * block, when its descriptor blocks. Nothing here logs.
  *
- * Owner: buffer_init() allocates record and storage, buffer_free() releases both; no other
- * function keeps a pointer. A pointer into the storage (ptr, or one from buffer_calloc()) is good
- * until the next call that may grow the buffer, so the source given to a writer must not lie in
- * the buffer that is written to. buffer_append() and buffer_copy() may have one buffer as both.
+ * @par Memory
+ * buffer_init() allocates record and storage, buffer_free() releases both; no other function keeps
+ * a pointer. A pointer into the storage (ptr, or one from buffer_calloc()) is valid until the next
+ * call that may grow the buffer. So the source given to a writer must not lie in the buffer that is
+ * written to. buffer_append() and buffer_copy() accept the same buffer as source and destination.
  *
- * What blocks: only read_buffer(), when its descriptor blocks. Nothing here logs.
+ * @par Failures
+ * Most functions return nothing. If memory for growth is short, an append, copy or write leaves the
+ * buffer's data unchanged. To detect this, compare `used` before and after; a copy has succeeded
+ * when dst->size > src->used. The capacity limit is 2^31 - 1: a call that would need more fails in
+ * the same way, and so does every negative size or length. Every function but buffer_calloc()
+ * accepts a null buffer and then does nothing.
  *
- * What is lost on failure: most functions return nothing. When storage cannot be had, an append,
- * copy or write leaves the buffer's data as it was. Where that matters, compare `used` before and
- * after; a copy has succeeded when dst->size > src->used. A capacity cannot pass 2^31 - 1; what
- * would need more is refused in the same way, and so is every negative size or length.
- *
- * Except in buffer_calloc() a null buffer is allowed everywhere, and nothing is done.
- *
+ * @par Linking
  * Every program that links the library defines gLogLevl: see common/self_log.h.
  *
+ * @par Example
  * A complete program, and what it prints:
  * @include buffer.c
  * @verbinclude buffer.out
@@ -64,9 +67,9 @@ typedef uint16_t uint16; /**< 16 bits, unsigned */
 typedef uint32_t uint32; /**< 32 bits, unsigned */
 typedef uint64_t uint64; /**< 64 bits, unsigned */
 
-/** Always 0 <= used <= size. Appending, copying, shifting and writing leave a 0 behind the data, at
- * ptr[used], when they change the data; buffer_calloc() and read_buffer() do not, and the latter
- * may fill the storage to its last byte. */
+/** Always 0 <= used <= size. Appending, copying, shifting and writing put a 0 after the data, at
+ * ptr[used], when they change the data. buffer_calloc() and read_buffer() do not; read_buffer() may
+ * fill the storage to its last byte. */
 typedef struct buffer_t {
     char *ptr;    /**< the storage */
     int32_t size; /**< its capacity in bytes; never shrinks */
@@ -74,8 +77,8 @@ typedef struct buffer_t {
 } buffer_t;
 
 /** The heap that all live buffers of the process hold: capacities plus sizeof(buffer_t) each. A
- * statistic. Read it with __atomic_load_n() where other threads use buffers; a plain read of 64
- * bits can be torn on a 32-bit processor. */
+ * statistic. Read it with __atomic_load_n() when other threads use buffers; a plain read of 64 bits
+ * can be torn on a 32-bit processor. */
 extern uint64_t buffer_memory;
 
 /* --- life ------------------------------------------------------------------------------------- */
@@ -92,9 +95,9 @@ void buffer_free(buffer_t *b);
 /** Empties the buffer for reuse and sets the whole storage to 0. The capacity stays. */
 void buffer_reset(buffer_t *b);
 
-/** Makes sure of a capacity of at least size bytes. A smaller one becomes the next multiple of 512
- * above size (512 gives 1024), with the data kept and the new bytes not cleared. When that cannot
- * be had, nothing changes: look at b->size. Moves the storage. */
+/** Ensures a capacity of at least size bytes. A smaller one becomes the next multiple of 512 above
+ * size (512 gives 1024); the data is kept and the new bytes are not cleared. If memory is short,
+ * nothing changes: check b->size. May move the storage. */
 void buffer_expand(buffer_t *b, int size);
 
 /* --- buffer to buffer ------------------------------------------------------------------------- */
@@ -103,29 +106,29 @@ void buffer_expand(buffer_t *b, int size);
  * storage is missing or growth fails. */
 void buffer_append(buffer_t *dst, buffer_t *src);
 
-/** Replaces the data of dst by that of src; dst grows as needed. Does nothing in the same cases: an
- * empty src does not empty dst. */
+/** Replaces the data of dst by that of src; dst grows as needed. Does nothing in the cases of
+ * buffer_append(): an empty src does not empty dst. */
 void buffer_copy(buffer_t *dst, buffer_t *src);
 
 /* --- in and out ------------------------------------------------------------------------------- */
 
-/** Appends len zero bytes and returns their address, for filling in place; good until the buffer
- * grows or is freed. Never grows the buffer: null, with nothing done, when fewer than len + 1
- * bytes are free or len is negative. allocator must not be null.
+/** Appends len zero bytes and returns their address, for the caller to fill; valid until the buffer
+ * grows or is freed. Never grows the buffer: when fewer than len + 1 bytes are free or len is
+ * negative, it does nothing and returns null. allocator must not be null.
  * @return the address of the len bytes, or null */
 char *buffer_calloc(buffer_t *allocator, int len);
 
-/** Appends what one read() of fd delivers: all that waits there (FIONREAD), for which the buffer
- * grows first, or one byte when nothing waits. When growth fails, as much as there is room for.
- * Works on what FIONREAD knows: sockets, pipes, terminals, regular files. From a datagram socket
- * each call takes one datagram: one that comes when nothing waited is cut to its first byte, so
- * wait until the fd is readable; an empty one looks like the end of a stream. Prints "toread:%d
- * ret:%d, msg:%s\n" on standard output when the read() itself ends with -1: the bytes asked for,
- * its result and the text of errno, which is a stale one at the end of the stream. A failing
- * FIONREAD is silent.
+/** Appends the result of one read() of fd. If data is waiting (FIONREAD), the buffer grows to take
+ * all of it; if growth fails, the read() asks for as much as fits. If no data is waiting, the
+ * read() asks for one byte. Works on descriptors that support FIONREAD: sockets, pipes, terminals,
+ * regular files. From a datagram socket each call takes one datagram. If none was waiting at the
+ * call, the one that arrives is cut to its first byte, so wait until the fd is readable; an empty
+ * datagram looks like the end of a stream. When the read() itself ends with -1, the call prints
+ * "toread:%d ret:%d, msg:%s\n" on standard output: the bytes asked for, the result, and the text of
+ * errno, which at the end of the stream is a stale one. A failing FIONREAD prints nothing.
  * @return
- * - above 0: the number of bytes appended; no 0 is written behind them
- * - 0: nothing for now, EAGAIN or EINTR
+ * - above 0: the number of bytes appended; no 0 is written after them
+ * - 0: no data for now, EAGAIN or EINTR
  * - -1: end of stream, an error, no room, a null buffer, or an fd below 1 */
 int read_buffer(int fd, buffer_t *p_buff_t);
 
@@ -158,12 +161,12 @@ uint64 TO_QWBE(uint64 _p);
 
 /* --- writers ---------------------------------------------------------------------------------- */
 
-/** Appends the len bytes at wbuf. The buffer grows when fewer than len + 1 bytes are free; when
- * that fails, nothing is written. len 0 writes the 0 behind the data and nothing else (a full
- * buffer grows for it); wbuf is not looked at then. */
+/** Appends the len bytes at wbuf. The buffer grows when fewer than len + 1 bytes are free; if that
+ * fails, nothing is written. With len 0 only the 0 after the data is written (a full buffer grows
+ * for it), and wbuf is not read. */
 void _write_ex(buffer_t *buf, const void *wbuf, uint32 len);
 
-/** Appends the byte v. The buffer grows, and fails to grow, as with _write_ex(). */
+/** Appends the byte v. The buffer grows, and growth fails, as in _write_ex(). */
 void write_uint8(buffer_t *buf, uint8 v);
 /** Appends v in 2 bytes, most significant first; all else as with write_uint8(). */
 void write_uint16(buffer_t *buf, uint16 v);
@@ -175,8 +178,8 @@ void write_uint64(buffer_t *buf, uint64 v);
 /** Appends the l bytes at s, like _write_ex(). */
 void write_bytes(buffer_t *buf, char *s, uint32 l);
 
-/** Appends l as write_uint32() does, then the l bytes at s. l is never measured from s. Either all
- * of it is written or, when growth fails, nothing. */
+/** Appends l as write_uint32() does, then the l bytes at s; s needs no terminator. If growth fails,
+ * neither part is written. */
 void write_string(buffer_t *buf, char *s, uint32 l);
 
 #pragma GCC visibility pop

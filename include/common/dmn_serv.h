@@ -3,72 +3,82 @@
  * @file
  * dmn_serv: the local server of a daemon.
  *
- * A Unix-domain stream socket on a thread and an event loop of its own. Every local process that
- * connects receives, from then on, each byte message that the daemon broadcasts. The channel runs
- * one way: what a client sends is read and thrown away. The smallest use:
+ * A Unix-domain stream socket, served by a thread and an event loop of its own. Every local process
+ * that connects receives, from then on, each byte message that the daemon broadcasts. The channel
+ * is one-way: the server reads and discards what a client sends. The smallest use:
  *
  *     static tDmnServCfg cfg = {"/run/gnssd.sock"};     // must outlive the server
  *     dmn_server_init(&cfg);
- *     dmn_serv_tx_clit_msg(msg, len);                   // from any thread, as often as you like
+ *     dmn_serv_tx_clit_msg(msg, len);                   // from any thread, any number of times
  *     dmn_server_exit();
  *
- * Messages are the caller's bytes and nothing else: no length, no terminator, no framing. On a
- * stream socket a client sees no borders between them, so use a format that can be cut again. Those
- * of several senders stay apart up to 32 KiB; longer ones may mix.
+ * @par Messages
+ * The server sends the caller's bytes unchanged and adds no length, terminator or framing. A stream
+ * socket does not preserve message boundaries, so use a format that marks them. Messages of
+ * concurrent senders do not mix up to 32 KiB; longer ones may.
  *
- * Threads: dmn_serv_tx_clit_msg() may be called by any number of threads at any time, also before
- * the start, during it, and after the stop; not in a signal handler, because it takes a lock. Init
- * and exit belong to one host thread. There is one server a process.
+ * @par Threads
+ * Any number of threads may call dmn_serv_tx_clit_msg() at any time, also before the start, during
+ * it, and after the stop. Do not call it in a signal handler, because it takes a lock. Init and
+ * exit belong to one host thread. There is one server in a process. The server thread inherits
+ * scheduling policy and priority of the thread that calls dmn_server_init(). Call that from a
+ * thread of normal priority: a client that sends without pause keeps the server thread busy, and at
+ * a real-time priority the processor with it.
  *
- * What blocks: no broadcast ever waits for a client. One that starts while the server puts a client
- * into its list, or takes one out, waits for that, and so for the broadcasts in progress: it yields
- * the processor a few times and then sleeps, 50 us each time. So senders and server may have any
- * real-time priorities, but there is no priority inheritance: while the server or a sender is kept
- * from the processor there, the others wait. dmn_server_exit() waits for the server thread and for
- * broadcasts in progress. The server thread inherits scheduling policy and priority of the thread
- * that calls dmn_server_init(): start it from a normal thread, because a client that sends without
- * pause keeps the server thread busy, and at a real-time priority the processor with it.
+ * @par Blocking
+ * A broadcast never waits for a client. A broadcast that starts while the server adds a client to
+ * its list, or removes one, waits for that change, and the change waits for the broadcasts in
+ * progress. A waiter yields the processor a few times and then sleeps for 50 us at a time. So
+ * senders and server may have different real-time priorities, but there is no priority inheritance:
+ * while the server or a sender is descheduled there, the others wait. dmn_server_exit() waits for
+ * the server thread and for broadcasts in progress.
  *
- * What is lost: a client that does not read loses what its socket buffer cannot take, possibly a
- * part of a message, without notice to anybody; the other clients are not touched by it.
+ * @par Lost messages
+ * A client that does not read loses what its socket buffer cannot take, possibly a part of a
+ * message. Neither side is told, and other clients are not affected. A client receives broadcasts
+ * from the moment the server has added it to its list, shortly after its connect().
  *
- * When the process has no descriptor left for another client, each try to admit it is logged, and
- * followed by a pause of 20 ms, on a host's own base too, whose loop it delays. Meanwhile clients
- * wait in the queue. Raise the limit first (system_set_rlimit() in common/xfuncs.h).
- *
- * A client that is killed shows like one that closes: as "Remote close------" when it had read
- * everything, and as a read error otherwise. The first is logged at every threshold: a client that
- * connects and closes in a loop pushes everything else out of the log files.
- *
- * A child made by fork() has no server, no clients, and none of their sockets; its parent keeps
- * them all. It may call every function: a broadcast reaches nobody, dmn_server_exit() finds nothing
- * to stop, and dmn_server_init() starts a server of its own, at a path of its own, or it would
- * replace its parent's. What it inherits of event loops is forgotten: a little memory, and
- * libevent's own descriptors, which are close-on-exec. A host's base with our events on it is not
- * to be used there, nor reinitialised. Do not fork in a signal handler. Keep descriptors 0 to 2
+ * @par Descriptors
+ * When the process has no free descriptor for another client, the server logs each failed accept()
+ * and pauses for 20 ms; on a host's own base this delays the host's loop. New clients wait in the
+ * queue during that time. Raise the limit first (system_set_rlimit() in common/xfuncs.h). libevent
+ * ends the process when it finds no descriptor for its signal pipe. The server thread first checks
+ * that the three descriptors of an event base are free, but another thread may take them at that
+ * moment: keep ten free. The server's descriptors are close-on-exec; only a program that is started
+ * between a descriptor's creation and the next system call inherits it. Keep descriptors 0 to 2
  * open, so that no client gets the console's number.
  *
- * The whole process ignores SIGPIPE from the moment the server first listens. Do not set it back: a
- * broadcast to a client that has just left would end the process. The socket file stays behind at
- * exit; a start replaces whatever stands at its path, a regular file too. The server's descriptors
- * are close-on-exec; only a program that is started between a descriptor's creation and the next
- * system call inherits it.
+ * @par Log lines
+ * A client that is killed is logged like one that closes: "Remote close------" if it had read
+ * everything, otherwise a read error. "Remote close------" is logged at every threshold, so a
+ * client that connects and closes in a loop pushes everything else out of the log files.
  *
- * The library leaves linking libevent to the host (event_core is enough). A server cannot run under
- * event_enable_debug_mode(), which aborts the process because the listening socket blocks.
+ * @par Fork
+ * A child made by fork() has no server, no clients, and none of their sockets; the parent keeps
+ * them all. The child may call every function: a broadcast reaches no client, dmn_server_exit()
+ * finds nothing to stop, and dmn_server_init() starts a server of the child's own. That server
+ * needs its own path, or it replaces the parent's socket. The child forgets the event loops that it
+ * inherited, which leaves a little memory and libevent's own descriptors; these are close-on-exec.
+ * Do not use or reinitialise in the child a host's base that contains events of the library. Do not
+ * fork in a signal handler.
  *
- * libevent ends the process when it finds no descriptor for its signal pipe. The server thread
- * makes sure of the three descriptors that an event base needs, but another thread may take them at
- * that moment: keep ten free.
+ * @par Signals and the socket file
+ * The whole process ignores SIGPIPE from the moment the server first listens. Do not restore it: a
+ * broadcast to a client that has just left would end the process. The socket file remains after the
+ * exit. A start replaces any file at its path, even a regular one.
  *
- * A client gets what is broadcast after the server has put it into its list, shortly after its
- * connect(). Whoever may write to the socket file may connect: protect it by its folder. Before
- * Linux 6.16 a client can also block the server thread, and with it dmn_server_exit(), as long as
- * it likes: it passes a socket of its own that lingers on close (SCM_RIGHTS, SO_LINGER). Later
- * kernels let the server refuse passed descriptors.
+ * @par Access
+ * Every process that may write to the socket file may connect: protect the file by the permissions
+ * of its folder. Before Linux 6.16 a client can also block the server thread, and with it
+ * dmn_server_exit(), for any time: it passes a socket of its own that lingers on close (SCM_RIGHTS,
+ * SO_LINGER). On later kernels the server refuses passed descriptors.
  *
- * Every program that links the library defines gLogLevl: see common/self_log.h.
+ * @par Linking
+ * The host links libevent itself (event_core is enough). A server cannot run under
+ * event_enable_debug_mode(), which aborts the process because the listening socket blocks. Every
+ * program that links the library defines gLogLevl: see common/self_log.h.
  *
+ * @par Example
  * A complete program, and what it prints:
  * @include dmn_serv.c
  * @verbinclude dmn_serv.out
@@ -89,7 +99,7 @@ struct event;      /* libevent's event */
 struct event_base; /* libevent's event loop */
 
 /** Result codes that the library's services and the host daemons share; an operation returns 0 or
- * the negated member. The server itself returns only the members that carry a remark. */
+ * the negated member. The server itself returns only the members that have a comment. */
 typedef enum _eDmnServErrVal_ {
     SUCCESS_DMN = 0, /**< done */
     ERR_TMP_DMN,
@@ -136,7 +146,7 @@ typedef struct _tDmnServCfg_ {
     char dmNme[256]; /**< path of the socket, zero-terminated; 1 to 107 characters can be bound */
 } tDmnServCfg;
 
-/** One connected client, as the server keeps it; hosts have no use for it. */
+/** The server's record of one connected client; not for use by hosts. */
 typedef struct _tClitNetCon_ {
     list_head hnode;       /**< link in the registry; first, so that its address is the record's */
     int fd;                /**< the accepted connection */
@@ -144,36 +154,35 @@ typedef struct _tClitNetCon_ {
 } tClitNetCon;
 
 /** Copies the string "dmNme" of the libconfig group at path aicpcCfgNme into aopcDmnCfg, at most
- * 254 characters. A missing key, or one that is no string, leaves the record as it was. Keeps no
+ * 254 characters. If the key is missing or not a string, the record is unchanged. Keeps no
  * reference.
  * @return 0, or -15 (ERR_LIBCFG_CFG_LOOKUP_DMN), logged, when there is no such group */
 int load_dmn_serv_cfg(tDmnServCfg *const aopcDmnCfg, const char *const aicpcCfgNme,
                       const struct config_t *const aicpcCfg);
 
-/** Starts the server thread and returns at once. The thread then makes the socket; what fails there
- * shows in the log only, and the thread ends by itself. Either way dmn_server_exit() is the end of
- * it and comes before the next init: without it each try would leave a thread's stack behind, 8 MB
- * of addresses, and a descriptor.
+/** Starts the server thread and returns at once. The thread then makes the socket. If that fails,
+ * the thread logs the failure and ends. In every case call dmn_server_exit() before the next init;
+ * otherwise each attempt leaks a descriptor and the thread's stack, 8 MB of address space.
  * @return 0, or -11 (ERR_PTHREAD_CREATE_DMN), logged */
 int dmn_server_init(tDmnServCfg *const aipcDmnServCfg);
 
-/** Makes the listening socket at aipcDmnServCfg->dmNme, replacing what stands there, and arms its
- * accept event on aipEtBse. The server thread calls it; a host may, on an event base of its own
- * that it dispatches itself, instead of dmn_server_init(), and ends it with dmn_server_exit()
- * while the base exists and nobody dispatches it; the base stays the host's. What was made before
- * a failure stays until dmn_server_exit().
+/** Makes the listening socket at aipcDmnServCfg->dmNme, replacing any file there, and adds its
+ * accept event to aipEtBse. The server thread calls it. A host may call it instead of
+ * dmn_server_init(), with an event base that the host owns and dispatches. It then calls
+ * dmn_server_exit() while the base exists and no thread dispatches it. After a failure the parts
+ * already made remain until dmn_server_exit().
  * @return 0, -4096 (no socket), -4100 (bind; also an empty path, reported as EINVAL, and one of
  * more than 107 characters, ENAMETOOLONG), -4097 (listen) or -13 (no event), each logged */
 int _dmn_server_init(struct event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg);
 
 /** Sends the aicMsgLen bytes at aipcMsg to every connected client, oldest connection first, with
- * one write each that never waits. A negative length sends nothing.
- * @return always 0; what a client could not take is lost to it */
+ * one non-blocking write each. A negative length sends nothing.
+ * @return always 0, also when a client lost a part of the message */
 int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen);
 
-/** Stops the server and releases all it made: clients read end-of-stream. May be called again,
- * without a start, and after the server thread ended by itself. Never from one of the server's own
- * callbacks.
+/** Stops the server and releases everything it made: clients read end-of-stream. Idempotent: it may
+ * be called again, without a start, and after the server thread ended by itself. Never call it from
+ * one of the server's own callbacks.
  * @return always 0 */
 int dmn_server_exit(void);
 

@@ -1,41 +1,47 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file
- * self_dog: the watchdog feeding client of a daemon.
+ * self_dog: the watchdog client of a daemon.
  *
- * Connects to the supervising watchdog daemon's Unix-domain stream socket and sends a heartbeat
- * that names this daemon, once a period, from a thread and an event loop of its own. The smallest
- * use:
+ * Connects to the Unix-domain stream socket of the supervising watchdog daemon and sends a
+ * heartbeat with this daemon's name once a period, from a thread and an event loop of its own. The
+ * smallest use:
  *
  *     static tFeddogCfg cfg = {1, 0, "gnssd", "/run/watchdog.sock"};   // must outlive the client
  *     self_feddog_init(&cfg);
  *     ...
  *     self_feddog_exit();
  *
- * The first heartbeat leaves one period after the connection. A late one shifts all that follow.
+ * The first heartbeat is sent one period after the connection. A late heartbeat delays all that
+ * follow.
  *
- * Threads: init and exit belong to one host thread; there is one client a process. The record is
- * read by the client thread at every heartbeat: leave it unchanged until exit has returned.
+ * @par What a heartbeat proves
+ * A heartbeat proves that the process lives and that its client thread gets processor time, not
+ * that the daemon's work progresses. To supervise the work itself, call _feed_dog_init() on the
+ * event loop that does it.
  *
- * What blocks: nothing but self_feddog_exit(), which waits for the client thread. That thread
- * inherits scheduling policy and priority of the one that calls self_feddog_init().
+ * @par Threads
+ * Init and exit belong to one host thread; there is one client in a process. The client thread
+ * reads the record at every heartbeat: do not change it until exit has returned. The client thread
+ * inherits scheduling policy and priority of the thread that calls self_feddog_init(). Only
+ * self_feddog_exit() blocks: it waits for the client thread.
  *
- * What is lost: connecting is tried once, with no retry. When the watchdog closes its end that is
- * logged once, and the heartbeats that follow reach nobody: start the client again. Heartbeats
- * never raise SIGPIPE: the signal is blocked, and stays so, for the thread that runs
- * _feed_dog_init(), normally the client's own.
+ * @par Lost heartbeats
+ * The client tries to connect once, without a retry. When the watchdog closes the connection, the
+ * client logs it once, and later heartbeats are lost: start the client again. Heartbeats never
+ * raise SIGPIPE: the thread that calls _feed_dog_init(), normally the client's own, blocks this
+ * signal permanently.
  *
- * A child made by fork() has no client, and its parent keeps its own. It may call every function:
- * self_feddog_exit() finds nothing to stop, self_feddog_init() connects anew. What else holds there
- * is said in common/dmn_serv.h, and also how many descriptors a start needs.
+ * @par Fork
+ * A child made by fork() has no client; the parent keeps its own. The child may call every
+ * function: self_feddog_exit() finds nothing to stop, self_feddog_init() connects anew. The other
+ * rules for a child, and the number of descriptors that a start needs, are in common/dmn_serv.h.
  *
- * The library leaves linking libevent to the host (event_core is enough).
+ * @par Linking
+ * The host links libevent itself (event_core is enough). Every program that links the library
+ * defines gLogLevl: see common/self_log.h.
  *
- * A heartbeat tells that the process lives and that its client thread gets time, not that the work
- * gets on. To supervise the work itself, call _feed_dog_init() on the event loop that does it.
- *
- * Every program that links the library defines gLogLevl: see common/self_log.h.
- *
+ * @par Example
  * A complete program, and what it prints:
  * @include self_dog.cpp
  * @verbinclude self_dog.out
@@ -55,8 +61,8 @@ struct config_t;   /* libconfig's parsed configuration */
 struct event_base; /* libevent's event loop */
 
 /** Result codes, the same members and values as those of the server (common/dmn_serv.h); an
- * operation returns 0 or the negated member. The client itself returns only the members that carry
- * a remark. */
+ * operation returns 0 or the negated member. The client itself returns only the members that have a
+ * comment. */
 typedef enum _eFeddogErrVal_ {
     SUCCESS_DOG = 0, /**< done */
     ERR_TMP_DOG,
@@ -80,7 +86,7 @@ typedef enum _eFeddogErrVal_ {
     ERR_CFG_SETING_LEN_DOG,
     ERR_SOCKET_OPEN_DOG = 4096, /**< no socket */
     ERR_SOCKET_LISTEN_DOG,
-    ERR_SOCKET_CONNECT_DOG, /**< nobody listens, or the path is too long */
+    ERR_SOCKET_CONNECT_DOG, /**< no listening socket at the path, or a bad path */
     ERR_SOCKET_IOCTL_DOG,
     ERR_SOCKET_BIND_DOG,
     ERR_SOCKET_READ_DOG,
@@ -97,8 +103,8 @@ typedef enum _eFeddogErrVal_ {
     ERR_MAX_DOG,
 } eFeddogErrVal;
 
-/** The heartbeat as it stands on the wire: 5 + nameLen bytes, sent with one write. C++ has no word
- * for the open array at the end, g++ and clang++ know it all the same. */
+/** The heartbeat as sent on the wire: 5 + nameLen bytes, in one write. Standard C++ has no flexible
+ * array members; g++ and clang++ accept them as an extension. */
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic"
 typedef struct _tWthdogFed_ {
@@ -118,29 +124,28 @@ typedef struct _tFeddogCfg_ {
 
 /** Fills aopcFedDog from the libconfig group at path aicpcDogCfgNme: integers "feddogSec" and
  * "feddogUSec", strings "feddogNme" (62 characters kept) and "txFeddogHtDmNme" (254 kept). A key
- * that is missing or of another type leaves its field as it was. Keeps no reference.
+ * that is missing or of another type leaves its field unchanged. Keeps no reference.
  * @return 0, or -15 (ERR_LIBCFG_CFG_LOOKUP_DOG), logged, when there is no such group */
 int load_feeddog_cfg(tFeddogCfg *const aopcFedDog, const char *const aicpcDogCfgNme,
                      const struct config_t *const aicpcCfg);
 
-/** Starts the client thread and returns at once. The thread then connects; what fails there shows
- * in the log only, and the thread ends by itself. Either way self_feddog_exit() is the end of it
- * and comes before the next init: without it each try would leave a thread's stack behind, 8 MB of
- * addresses, and a descriptor.
+/** Starts the client thread and returns at once. The thread then connects. If that fails, the
+ * thread logs the failure and ends. In every case call self_feddog_exit() before the next init;
+ * otherwise each attempt leaks a descriptor and the thread's stack, 8 MB of address space.
  * @return 0, or -11 (ERR_PTHREAD_CREATE_DOG), logged */
 int self_feddog_init(tFeddogCfg *const aipcFeddogCfg);
 
-/** Connects to the watchdog and arms the read event and the heartbeat timer on aipEtBse. The client
- * thread calls it; a host may, on an event base of its own that the same thread dispatches, and
- * ends it with self_feddog_exit() while the base exists, in a callback of this base or while
- * nobody dispatches it; the base stays the host's. What was made before a failure stays until
- * self_feddog_exit().
+/** Connects to the watchdog and adds the read event and the heartbeat timer to aipEtBse. The client
+ * thread calls it. A host may call it instead of self_feddog_init(), with an event base that the
+ * host owns and that the same thread dispatches. The host then calls self_feddog_exit() while the
+ * base exists, in a callback of this base or while no thread dispatches it. After a failure the
+ * parts already made remain until self_feddog_exit().
  * @return 0, -4096 (no socket), -4098 (connect; also an empty path, reported as EINVAL, and one of
  * more than 107 characters, ENAMETOOLONG) or -13 (an event), each logged */
 int _feed_dog_init(struct event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg);
 
-/** Stops the client and releases all it made: the watchdog reads end-of-stream. May be called
- * again, without a start, and after the client thread ended by itself.
+/** Stops the client and releases everything it made: the watchdog reads end-of-stream. Idempotent:
+ * it may be called again, without a start, and after the client thread ended by itself.
  * @return always 0 */
 int self_feddog_exit(void);
 

@@ -11,10 +11,11 @@
  *     list_head jobs = LIST_HEAD_INIT(jobs);
  *     list_add_tail(&j->node, &jobs);
  *
- * Threads: none of this locks. Who shares a list guards it. The records belong to the caller.
+ * Threads: there is no lock. Threads that share a list must lock it themselves. The records belong
+ * to the caller.
  *
- * During a walk with list_for_each_safe() the current node may be unlinked and freed, and no other
- * one. A node is in one list at a time.
+ * During a walk with list_for_each_safe() only the current node may be unlinked and freed. A node
+ * is in one list at a time.
  *
  * Every program that links the library defines gLogLevl: see common/self_log.h.
  *
@@ -56,14 +57,14 @@ static inline void list_add_tail(list_head *newitem, list_head *head)
     __list_add(newitem, head->prev, head);
 }
 
-/** Makes prev and next adjacent, which drops whatever lay between them. */
+/** Makes prev and next adjacent, which drops all nodes between them. */
 static inline void __list_del(list_head *prev, list_head *next)
 {
     next->prev = prev;
     prev->next = next;
 }
 
-/** Takes entry out of its list and points its links at itself; harmless on such an entry. */
+/** Takes entry out of its list and points its links at itself; idempotent. */
 static inline void list_del_init(list_head *entry)
 {
     __list_del(entry->prev, entry->next);
@@ -78,9 +79,9 @@ static inline int list_empty(const list_head *head)
     return head->next == head;
 }
 
-/** Walks forward from the first node: pos is the current node, ahead the following one, loaded
- * before the body runs, so that the body may unlink and free the current node. Both are
- * list_head pointers of the caller's. */
+/** Walks forward from the first node. pos is the current node. ahead is the following one, loaded
+ * before the body runs, so the body may unlink and free the current node. Both are list_head
+ * pointers of the caller. */
 #define list_for_each_safe(pos, ahead, head)                                                       \
     for ((pos) = (head)->next, (ahead) = (pos)->next; (pos) != (head);                             \
          (pos) = (ahead), (ahead) = (pos)->next)

@@ -14,24 +14,28 @@
  *     giCnt++;
  *     spinlock_unlock(&giCntLk);
  *
- * Threads: any number of them contend for a lock; what one wrote while holding it is seen by the
- * next holder. Taking and releasing are full memory barriers, too. There is no owner (any thread
- * may release), no recursion (a second spinlock_lock() by the holder never returns) and no
- * fairness. A holder that is descheduled, cancelled or killed leaves the others waiting; where that
- * matters, or where the section may block, use a mutex.
+ * @par Threads
+ * Any number of threads may contend for a lock. The writes of one holder are visible to the next.
+ * Taking and releasing are also full memory barriers. There is no owner (any thread may release),
+ * no recursion (a second spinlock_lock() by the holder never returns) and no fairness. If the
+ * holder is descheduled, cancelled or killed, the other threads wait; use a mutex if that matters
+ * or if the critical section may block.
  *
- * The record belongs to the caller; nothing is allocated, nothing has to be released, nothing can
- * fail. It may lie in memory shared between processes. The pointers must not be null.
+ * @par Real-time priorities
+ * Do not use a spinlock between threads of different real-time priority. There is no priority
+ * inheritance, and a waiter that sleeps for only a microsecond may keep a holder of lower priority
+ * off the processor, so both hang. Use a mutex with priority inheritance there.
  *
- * In a strictly ISO compilation (-std=c11) include this header first, or define _POSIX_C_SOURCE as
- * 199309L or more, so that the C library declares nanosleep().
+ * @par Memory
+ * The record belongs to the caller. Nothing is allocated, nothing needs a release, and nothing can
+ * fail. The record may lie in memory shared between processes. The pointers must not be null.
  *
- * Not between threads of different real-time priority: there is no priority inheritance, and a
- * waiter that sleeps for a microsecond only may keep a holder of lower priority from the processor,
- * so both hang. Take a mutex with priority inheritance there.
+ * @par Compiling and linking
+ * With strict ISO options (-std=c11) include this header first, or define _POSIX_C_SOURCE as
+ * 199309L or more, so that the C library declares nanosleep(). Every program that links the library
+ * defines gLogLevl: see common/self_log.h.
  *
- * Every program that links the library defines gLogLevl: see common/self_log.h.
- *
+ * @par Example
  * A complete program, and what it prints:
  * @include spinlock.cpp
  * @verbinclude spinlock.out
@@ -59,23 +63,24 @@ typedef struct spinlock_t {
 /** Makes the lock free. Call it before another thread knows the lock. */
 void spinlock_init(spinlock_t *spin);
 
-/** Takes the lock if it is free. Never waits. Acquires: nothing after the call is done before the
- * lock is held.
+/** Takes the lock if it is free. Never waits. Acquire semantics: nothing after the call is done
+ * before the lock is held.
  * @return 1 when this call took it, 0 when it was held */
 int spinlock_try_lock(spinlock_t *spin);
 
-/** Returns holding the lock; waits as long as that takes, backing off by yield_k(). Acquires like
- * spinlock_try_lock(). Signals do not end the wait. */
+/** Waits as long as needed, backing off by yield_k(), and returns with the lock held. Acquire
+ * semantics as spinlock_try_lock(). Signals do not end the wait. */
 void spinlock_lock(spinlock_t *spin);
 
-/** Makes the lock free, whoever held it; a free lock stays free. Releases: all that was done before
- * the call is seen by the next holder, and before the caller loads anything else. */
+/** Makes the lock free, whichever thread held it; a free lock stays free. Release semantics:
+ * everything done before the call is visible to the next holder, and takes effect before any later
+ * load of the caller. */
 void spinlock_unlock(spinlock_t *spin);
 
-/** The back-off of spinlock_lock() alone, for wait loops of the host's own: call it after the
- * attempt number k (from 0) failed. Below 4 it returns at once, below 32 it yields the processor;
- * from then on it sleeps for 1000 ns when k is even and yields when it is odd. An interrupted
- * sleep just ends early. Keeps no state. Leaves errno to chance. */
+/** The back-off of spinlock_lock() alone, for wait loops of the host: call it after attempt number
+ * k (from 0) failed. Below 4 it returns at once, below 32 it yields the processor; from then on it
+ * sleeps for 1000 ns when k is even and yields when it is odd. An interrupted sleep ends early.
+ * Keeps no state. May change errno. */
 static inline void yield_k(unsigned k)
 {
     const struct timespec nap = {0, 1000};
