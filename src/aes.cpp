@@ -11,7 +11,7 @@ static constexpr size_t gicAesRounds = 10;
 
 typedef uint8_t state_t[4][4]; // [column][row], the order of the bytes of a block
 
-// All that is kept between calls, one of each in the process and without a lock.
+// All state kept between calls: one of each in the process, without a lock.
 static state_t *state; // the block at work, in the caller's output
 static uint8_t RoundKey[gicAesBlockLen * (gicAesRounds + 1)]; // the key expanded last
 static const uint8_t *Key; // the caller's key, while it is expanded

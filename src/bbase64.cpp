@@ -13,7 +13,7 @@ struct tValues {
     int8_t of[256];
 };
 
-// The set turned round: the value of each of its characters, -1 for all others.
+// The inverse of the alphabet: the value of each of its characters, -1 for all others.
 static constexpr tValues _make_values()
 {
     tValues values = {};

@@ -72,7 +72,7 @@ template <bool abBigEndian, typename T> static T _in_order(T v)
     return out;
 }
 
-// Apart and called last, so that the way without growth is short and needs no stack.
+// Out of line and a tail call: the path without growth is short and needs no stack.
 template <typename T> __attribute__((noinline)) static void _write_slowly(buffer_t *buf, T v)
 {
     _write_ex(buf, &v, sizeof v);
@@ -142,7 +142,7 @@ void buffer_append(buffer_t *dst, buffer_t *src)
     if (dst == nullptr || src == nullptr || dst->ptr == nullptr || src->ptr == nullptr ||
         src->used == 0 || !_reserve(dst, src->used))
         return;
-    // src may be dst: its storage is looked up only now, after the growth.
+    // src may be dst, so its storage is read only after the growth.
     _put(dst, src->ptr, static_cast<uint32>(src->used));
 }
 
@@ -190,7 +190,7 @@ int read_buffer(int fd, buffer_t *p_buff_t)
     }
     if (got < 0 && (errno == EINTR || errno == EAGAIN))
         return 0;
-    // A trace line: if it is lost, nobody could be told.
+    // Best effort: a lost trace line cannot be reported.
     (void)printf("toread:%d ret:%d, msg:%s\n", toread, static_cast<int>(got), strerror(errno));
     return -1;
 }
@@ -273,7 +273,7 @@ void write_bytes(buffer_t *buf, char *s, uint32 l)
 
 void write_string(buffer_t *buf, char *s, uint32 l)
 {
-    // The room for both parts comes first: a length without its bytes would misalign the reader.
+    // Makes room for both parts first: a length without its bytes would misalign the reader.
     const int64_t both = int64_t{l} + 4;
     if (buf == nullptr || !_reserve(buf, 4) || !_reserve(buf, both))
         return;

@@ -44,8 +44,8 @@ static inline uint32_t _unseen(uint32_t aiWord)
     return aiWord;
 }
 
-// The word as it is. Compilers do not look through this, and so do not regroup a sum to one that
-// takes an instruction more.
+// Returns the word unchanged. Compilers cannot look through this, so they do not regroup a sum into
+// one that takes an instruction more.
 constexpr uint32_t bytes_as_is(uint32_t aiWord)
 {
     return __builtin_is_constant_evaluated() ? aiWord : _unseen(aiWord);

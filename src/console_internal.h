@@ -5,9 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// For a new descriptor: commands are not to inherit it. And if the host has closed a standard
-// descriptor, ours may get its number and would receive console output: moves it above 2. Gives the
-// descriptor, -1 with errno when that fails, and for -1.
+// For a new descriptor: makes it close-on-exec. If the host has closed a standard descriptor, ours
+// may get its number and would receive console output, so it is moved above 2. Returns the
+// descriptor; -1 with errno if that fails, and for -1.
 __attribute__((noinline)) inline int console_leave(int aicFd)
 {
     if (aicFd > STDERR_FILENO)

@@ -24,15 +24,15 @@ static constexpr int gicAcceptPauseMs = 20;
 static pthread_t giDmnServPthdId;
 static tService giServ = {-1, nullptr, false};
 
-// The server thread's, and the exit call's once that has been joined.
+// The server thread's; after the join the exit call's.
 static event_base *gipPthdEtBse;
 static int giServTcpFd = -1;
 static event *gipTcpServEt;
 static int giLoneFd = -1; // the connection of a client that is not in the registry yet, or no more
 
-// The registry, oldest connection first. Senders may come at any time, so its lock exists as long
-// as the library does; and a steady stream of them must not keep a client or a stop waiting, so
-// senders that have not begun step aside while a writer waits.
+// The registry, oldest connection first. Senders may call at any time, so its lock lives as long as
+// the library. A steady stream of senders must not delay a new client or a stop, so a sender that
+// has not begun backs off while a writer waits.
 static list_head giContCltHd = LIST_HEAD_INIT(giContCltHd);
 static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_INITIALIZER;
 static bool gibContCltWait; // under the lock on descriptors, so there is one writer at a time
@@ -75,7 +75,7 @@ static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
     else
         LOG_MSG(LOG_LEV_OFF, "Remote close------\n");
 
-    // Out of the registry before the descriptor closes: no sender meets a reused one.
+    // Leaves the registry before the descriptor closes, so no sender writes to a reused descriptor.
     tClitNetCon *pClit = static_cast<tClitNetCon *>(aipArg);
     const int was = _registry_lock();
     list_del_init(&pClit->hnode);
@@ -92,7 +92,7 @@ static void _server_set_nonblock(const int aicFd)
         LOG_MSG(LOG_LEV_ERROR, "aicFd=%d err!!!!\n", aicFd);
         return;
     }
-    // A client without one of the options is served all the same.
+    // An option that cannot be set does not matter: the client is served without it.
     const int on = 1;
     const linger noLinger = {0, 0};
     (void)setsockopt(aicFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -139,8 +139,8 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
     service_unlock(was);
     if (giLoneFd == -1) {
         LOG_MSG(LOG_LEV_ERROR, "accept() err, msg=%s!!!!!!\n", strerror(errno));
-        // Without a free descriptor the client stays in the queue, and the loop would be back here
-        // at once. A signal may cut the pause short.
+        // Without a free descriptor the client stays in the queue, and the loop would call this
+        // function again at once. A signal may shorten the pause.
         (void)poll(nullptr, 0, gicAcceptPauseMs);
         return;
     }
@@ -150,7 +150,7 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
 
 // --- start and stop ---------------------------------------------------------------------------
 
-// Every event is freed before the base; a descriptor of 0 is one like any other.
+// Frees every event before the base. A descriptor of 0 is treated like any other.
 static void _dmn_server_release()
 {
     service_free_event(&gipTcpServEt);
@@ -162,7 +162,7 @@ static void _dmn_server_release()
     {
         tClitNetCon *pClit = reinterpret_cast<tClitNetCon *>(pNode);
         list_del_init(&pClit->hnode);
-        // The event goes before the descriptor, whose number another thread may get at once.
+        // The event is freed before the descriptor, whose number another thread may get at once.
         service_free_event(&pClit->pClitEt);
         (void)close(pClit->fd);
         free(pClit);
@@ -171,7 +171,8 @@ static void _dmn_server_release()
     service_free_base(&gipPthdEtBse);
 }
 
-// The records stay lost: they are few, and a child mostly short. Senders may have held the lock.
+// The records leak: they are few, and a child is usually short-lived. A sender may have held the
+// lock at the fork, so the lock is made anew.
 static void _dmn_server_forget()
 {
     service_forget(&giServ, &giDmnServPthdId, &gipPthdEtBse);
@@ -207,7 +208,8 @@ static void *_dmn_server_func_pth(void *aipArg)
         pErr = "event_new() err!!!!\n";
     if (pErr != nullptr)
         LOG_MSG(LOG_LEV_ERROR, "%s", pErr);
-    // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
+    // A thread that ends by itself releases what it made; the host still joins it through the exit
+    // call.
     if (!giServ.bStop)
         _dmn_server_release();
     service_end(&giServ, "_dmn_server_func_pth() exit");
@@ -270,14 +272,14 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
 {
     if (aicMsgLen < 0)
         return 0;
-    // A sender that is cancelled in a write must not take the lock with it.
+    // A sender that is cancelled in a write must not leave the lock held.
     const int was = thread_defer_cancel();
     rwlock_take(_try_send, &giContCltLk);
     list_head *pNode = nullptr;
     list_head *pAhead = nullptr;
     list_for_each_safe(pNode, pAhead, &giContCltHd)
     {
-        // What a client cannot take now is lost to it; its leaving is the read callback's business.
+        // A client loses what it cannot take now. The read callback handles a client that has left.
         (void)!write(reinterpret_cast<tClitNetCon *>(pNode)->fd, aipcMsg,
                      static_cast<size_t>(aicMsgLen));
     }

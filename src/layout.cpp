@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What host programs are compiled against: sizes and places of every public record, checked by the
-// compiler. No code comes of this.
+// The ABI that host programs are compiled against: sizes and offsets of every public record,
+// checked by the compiler. Generates no code.
 #include <common/buffer.h>
 #include <common/dmn_serv.h>
 #include <common/md5.h>

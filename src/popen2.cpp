@@ -22,8 +22,8 @@ static bool _make_table()
     const int size = getdtablesize();
     if (size <= 0)
         return false;
-    // Not malloc() and clearing: with a limit of a thousand million descriptors that would fetch
-    // gigabytes, while calloc() gets pages that stay unused until a slot on them is written.
+    // calloc() returns pages that stay unused until a slot on them is written. With a limit of a
+    // thousand million descriptors, malloc() and clearing would use gigabytes.
     pids = static_cast<int *>(calloc(static_cast<size_t>(size), sizeof *pids));
     if (pids == nullptr)
         return false;
@@ -31,15 +31,16 @@ static bool _make_table()
     return true;
 }
 
-// The slot of a stream; null: its descriptor lies beyond the table.
+// The slot of a stream, or null if its descriptor lies beyond the table.
 static int *_slot(FILE *aipStream)
 {
     const int fd = fileno(aipStream);
     return fd >= 0 && fd < giPidsSize ? &pids[fd] : nullptr;
 }
 
-// Starts the shell with aicTheirs as its aicStdFd and without aicOwn. Until it runs, the child
-// works on the parent's memory: it must write to none of it, and must not return from here.
+// Starts the shell with aicTheirs as its aicStdFd and without aicOwn. Until the shell runs, the
+// child works on the parent's memory: it must not write to that memory, and must not return from
+// this function.
 static pid_t _start_shell(const char *aipcProgram, int aicOwn, int aicTheirs, int aicStdFd)
 {
     const pid_t pid = vfork();
@@ -57,8 +58,8 @@ static pid_t _start_shell(const char *aipcProgram, int aicOwn, int aicTheirs, in
     _exit(127);
 }
 
-// A number may also be that of a thread, as threads draw from the same numbers, and the signal goes
-// to a thread's whole process: that must not be this one.
+// Processes and threads share one range of numbers, and a signal to a thread's number goes to its
+// whole process, which must not be this one.
 static int _terminate(pid_t aicPid)
 {
     if (tgkill(getpid(), aicPid, 0) == 0) {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// How a thread takes a reader-writer lock without harm to threads of other real-time priority.
+// Takes a reader-writer lock safely between threads of different real-time priority.
 //
 // glibc's own wait spins while another thread is between two steps of taking or releasing the lock.
-// A thread of lower priority on the same processor then never gets to its second step. So the lock
-// is only tried here. Yielding suffices while another processor has the lock for a moment; sleeping
-// gives a thread of lower priority its turn.
+// A thread of lower priority on the same processor then never reaches its second step. So the
+// library only tries the lock. Yielding is enough while a thread on another processor holds the
+// lock for a moment; sleeping lets a thread of lower priority run.
 #pragma once
 
 #include <pthread.h>

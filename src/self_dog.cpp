@@ -28,14 +28,14 @@ static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 static pthread_t giFeddogPthdId;
 static tService giServ = {-1, nullptr, false};
 
-// The client thread's, and the exit call's once that has been joined.
+// The client thread's; after the join the exit call's.
 static event_base *gipFedDogEtBse;
 static int giFeddogFd = -1;
 static event *gipRxFeddogEt;
 static event *gipTxFeddogHtEt;
 
-// The configured period, as libevent takes it: microseconds below a million, and seconds that,
-// added to now, stay within a time_t of 32 bits.
+// The configured period in a form that libevent accepts: less than a million microseconds, and so
+// few seconds that now plus the period fits in a time_t of 32 bits.
 static timeval _heartbeat_period(const tFeddogCfg *aicpcCfg)
 {
     constexpr uint32_t secMax = 0x3fffffff;
@@ -60,7 +60,7 @@ static void _tx_feeddog_ht_timer_cb(int, short, void *aipArg)
     tWthdogFed *pFed = reinterpret_cast<tWthdogFed *>(buf);
     pFed->nameLen = static_cast<uint8_t>(strnlen(pCfg->feddogNme, sizeof pCfg->feddogNme - 1));
     memcpy(pFed->name, pCfg->feddogNme, pFed->nameLen);
-    // A watchdog that has gone, or cannot take it, misses this one.
+    // A watchdog that has gone, or whose socket is full, misses this heartbeat.
     (void)!write(giFeddogFd, buf, sizeof(tWthdogFed) + pFed->nameLen);
     const timeval period = _heartbeat_period(pCfg);
     (void)event_add(gipTxFeddogHtEt, &period); // fails without memory: then heartbeats stop
@@ -106,7 +106,7 @@ static void _feddog_release()
     service_close(&giFeddogFd);
 }
 
-// The lost records are few, and a child mostly short.
+// The records leak: they are few, and a child is usually short-lived.
 static void _feddog_forget()
 {
     service_forget(&giServ, &giFeddogPthdId, &gipFedDogEtBse);
@@ -133,7 +133,8 @@ static void *_feddog_func_pth(void *aipArg)
         pErr = "event_new() err!!!!\n";
     if (pErr != nullptr)
         LOG_MSG(LOG_LEV_ERROR, "%s", pErr);
-    // Ended by itself, the thread gives back what it made; its identifier is the host's to reap.
+    // A thread that ends by itself releases what it made; the host still joins it through the exit
+    // call.
     if (!giServ.bStop)
         _feddog_release();
     service_end(&giServ, "_feddog_func_pth() exit");
@@ -158,8 +159,8 @@ int load_feeddog_cfg(tFeddogCfg *const aopcFedDog, const char *const aicpcDogCfg
 
 int _feed_dog_init(event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg)
 {
-    // A heartbeat to a watchdog that has just gone must fail like any other one. The signal of a
-    // failed write goes to the writing thread, which is this one.
+    // A heartbeat to a watchdog that has just gone must fail without ending the process. A failed
+    // write signals the writing thread, which is this one.
     sigset_t sigPipe;
     sigemptyset(&sigPipe);
     sigaddset(&sigPipe, SIGPIPE);

@@ -62,8 +62,8 @@ uint32_t fifo_get_data_count(tFifo *aipcFifo)
     return _look(aipcFifo).count;
 }
 
-// Test and update stand under one lock: between two of them another producer could take the last
-// free slot, or another consumer the last element.
+// Test and update are one critical section. Otherwise another producer could take the last free
+// slot, or another consumer the last element, between the two.
 int fifo_add_one(tFifo *aipcFifo, void *aipVal)
 {
     _write_lock(aipcFifo);

@@ -26,7 +26,7 @@ static constexpr char gicLogStrAry[LOG_LEV_MAX][4] = {"OFF", "ERR", "RUN", "WAN"
 static constexpr size_t gicLnBytes = 1024;
 static constexpr size_t gicNmeBytes = 256;
 
-// Written by init and exit only, when no other thread logs.
+// Written only by init and exit, which run while no other thread logs.
 static tLogCfg giLogCfg;
 static tLogCfg *gipLogCfg; // null until a record was given
 
@@ -37,21 +37,22 @@ static int giLogWriteCnt;              // writes into the open file
 static int giLogFileBkupCnt;           // names formed in the mode of two files
 static int giLogPpFdAry[2] = {-1, -1}; // read without it
 
-// The writer thread. It is there before the pipe is.
+// The writer thread. It starts before the pipe exists.
 static pthread_t giLogPthdId;
 static bool gibWlRunFlg;
 static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
 
-// How many callers use the pipe. A caller counts itself first and then looks whether the pipe is
-// open; the exit call shuts it first and then looks at the count. So once the count is 0, no caller
-// uses what is closed. A caller that finds the pipe shut does not count itself: the count comes to
-// 0 even if threads go on logging. The file needs no count: it is used and closed under its lock.
+// The number of callers that use the pipe. A caller increments it and then tests whether the pipe
+// is open; the exit call marks the pipe as shut and then reads the count. So once the count is 0,
+// no caller uses the descriptors that are closed. A caller that finds the pipe shut before it
+// increments does not increment, so the count reaches 0 even if threads go on logging. The file
+// needs no count: it is used and closed under its lock.
 static bool gibLogPpOpn;
 static int giLogUsers;
 
 pthread_mutex_t gThreadLibcLk = PTHREAD_MUTEX_INITIALIZER;
 
-// Words that other threads may access at the same time, in no order with others.
+// Relaxed atomic access.
 template <typename tWord> static tWord _peek(const tWord *aipcWord)
 {
     return __atomic_load_n(aipcWord, __ATOMIC_RELAXED);
@@ -64,8 +65,8 @@ template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
 
 // --- forks ------------------------------------------------------------------------------------
 //
-// A child has no writer thread. It logs on into the file that it shares with the owner, or into the
-// owner's pipe. Descendants append, the owner rotates: to begin a file is to empty it.
+// A child has no writer thread. It writes into the file that it shares with the owner, or into the
+// owner's pipe. Descendants append and only the owner rotates, because beginning a file empties it.
 
 static pid_t giLogOwner; // the process that called log_system_init()
 
@@ -93,14 +94,14 @@ static int _make_log_pipe()
     return -1;
 }
 
-// A thread that finds the pipe open finds its descriptors, not those of an earlier one.
+// Acquire: a thread that finds the pipe open also sees this pipe's descriptors, not earlier ones.
 static bool _log_pipe_open()
 {
     return __atomic_load_n(&gibLogPpOpn, __ATOMIC_ACQUIRE);
 }
 
-// A caller that is still there keeps the pipe for good: a closed one would end the host by SIGPIPE,
-// or let the line into what gets the descriptor's number next.
+// If a caller is still inside write(), leaves the pipe open: closing it could raise SIGPIPE in the
+// host, or send the line to a reused descriptor.
 static void _close_log_pipe_end(int *aiopFd)
 {
     if (*aiopFd != -1 && _peek(&giLogUsers) == 0)
@@ -108,9 +109,9 @@ static void _close_log_pipe_end(int *aiopFd)
     _poke(aiopFd, -1);
 }
 
-// Leaves so many ends of the pipe open: both of a new one, the write end, or none. A fork waits for
-// the lock, so a child knows what it has to close. -1 with errno when there is no pipe. (Cold, as
-// all of start and stop: small code matters more there than speed.)
+// Leaves aicEnds ends of the pipe open: both of a new one, the write end, or none. Returns -1 with
+// errno if there is no pipe. A fork waits for the lock, so a child knows which ends it has to
+// close. (Cold, like all of start and stop: here size matters more than speed.)
 __attribute__((cold)) static int _set_log_pipe(int aicEnds)
 {
     (void)pthread_mutex_lock(&giSvLogLk);
@@ -142,19 +143,19 @@ static void _log_in_child()
     (void)_set_log_pipe(gibLogPpOpn ? 1 : 0); // the owner alone reads
 }
 
-// Before the constructors of a host that is linked with the archive: fork handlers registered there
-// may log.
+// Runs before the constructors of a host that is linked with the archive: fork handlers registered
+// there may log.
 __attribute__((constructor(101))) static void _log_meet_forks()
 {
-    // Fails without memory at the start.
+    // Fails only if there is no memory at the start.
     (void)pthread_atfork(_log_before_fork, _log_after_fork, _log_in_child);
 }
 
 // --- a line's time ----------------------------------------------------------------------------
 
-// The last second that was broken down, for the other lines of that second: the second times 2^17
-// plus its time of day, with 64 minutes an hour and 64 seconds a minute, as a second may be 60. At
-// first a second that no clock shows.
+// The cached second: its number times 2^17 plus its local time of day, in which an hour has 64
+// minutes and a minute 64 seconds, as leap seconds make a second of 60 possible. Other lines of the
+// same second use it. The initial value matches no second of a clock.
 static uint64_t giLogClock = 1ULL << 63;
 
 static unsigned _time_of_day(time_t aicSec)
@@ -175,8 +176,8 @@ static unsigned _time_of_day(time_t aicSec)
 
 // --- a line's header --------------------------------------------------------------------------
 //
-// "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", put together by hand: expanding that format costs as much
-// as the rest of the line's way into the pipe.
+// "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", formatted by hand: expanding that format would cost as
+// much as the rest of the line's way into the pipe.
 
 static void _put_digits(char *aopTo, size_t aicCount, unsigned long aiValue)
 {
@@ -184,7 +185,7 @@ static void _put_digits(char *aopTo, size_t aicCount, unsigned long aiValue)
         aopTo[i] = static_cast<char>('0' + aiValue % 10);
 }
 
-// Appends as much as there is room for; returns the new length.
+// Appends as much as fits; returns the new length.
 static size_t _put_text(char (&aoLine)[gicLnBytes], size_t aicUsed, const char *aipcText,
                         size_t aicLen)
 {
@@ -219,14 +220,14 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 
 // --- files ------------------------------------------------------------------------------------
 
-// A count goes on beyond INT_MAX, and the two names still take turns.
+// A count goes on beyond INT_MAX without undefined behaviour, and the two names still alternate.
 static int _next_count(int aicCnt)
 {
     return static_cast<int>(static_cast<uint32_t>(aicCnt) + 1);
 }
 
-// Forms the next file's name; false, and an empty name, for an unknown naming. A name that does
-// not fit is cut.
+// Forms the next file's name. Returns false, with an empty name, for an unknown fileMod. A name
+// that is too long is cut.
 static bool _next_log_name(char (&aoNme)[gicNmeBytes])
 {
     aoNme[0] = '\0';
@@ -248,8 +249,8 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
                     local.tm_hour, local.tm_min, local.tm_sec, chance) >= 0;
 }
 
-// As console_leave(), for a stream. Each write goes to the end of the file, wherever that has come
-// by the writes of other processes.
+// Like console_leave(), for a stream. Each write goes to the current end of the file, also after
+// writes of other processes.
 static FILE *_fopen_log(const char *aicpcNme)
 {
     FILE *pFp = fopen(aicpcNme, "w+");
@@ -265,8 +266,8 @@ static FILE *_fopen_log(const char *aicpcNme)
     return pFp;
 }
 
-// In place of the open file, if there is one: nothing comes in between that could take the
-// descriptor which the close sets free, but another thread by accident.
+// Replaces the open file, if there is one. The library opens nothing between close and open, so the
+// new file gets the freed descriptor unless another thread of the host takes it first.
 static bool _open_log_file(const char *aicpcNme)
 {
     printf("New save log path=%s\n", aicpcNme);
@@ -281,7 +282,7 @@ static bool _open_log_file(const char *aicpcNme)
     return true;
 }
 
-// With giSvLogLk held: goes on to the next file when the open one has had its writes.
+// With giSvLogLk held: begins the next file if the open one has had its number of writes.
 static void _log_file_rotate()
 {
     if (gipLogFp == nullptr || static_cast<uint32_t>(giLogWriteCnt) < giLogCfg.logSaveMaxCnt ||
@@ -301,7 +302,7 @@ static void _write_log_file(const char *aipcMsg)
     pthread_mutex_lock(&giSvLogLk);
     _log_file_rotate();
     if (gipLogFp != nullptr) {
-        // A full disk is tried again with the next line.
+        // After a failure, such as a full disk, the next line is tried again.
         (void)fwrite(aipcMsg, 1, strlen(aipcMsg), gipLogFp);
         (void)fflush(gipLogFp);
         giLogWriteCnt = _next_count(giLogWriteCnt);
@@ -318,7 +319,7 @@ static void _process_log_msg(const char *aipcMsg)
         _write_log_file(aipcMsg);
 }
 
-// Into the owner's pipe, whose reader may have gone: that is to raise no signal.
+// Writes into the owner's pipe. Its reader may have gone, which must not raise SIGPIPE here.
 static void _write_owners_pipe(int aicFd, const char *aipcMsg)
 {
     sigset_t sigPipe;
@@ -351,11 +352,12 @@ static void _deliver(const char *aipcMsg)
 
 // --- the writer thread ------------------------------------------------------------------------
 
-// Waits 100 ms at most for the pipe, whose read end may not exist yet. This is where a cancel is
-// let in: the thread holds nothing here, and nothing has been taken out of the pipe.
+// Waits at most 100 ms for data in the pipe, whose read end may not exist yet. A cancel takes
+// effect only here: the thread holds nothing, and has taken nothing out of the pipe.
 static int _wait_log_pipe(int aicFd)
 {
-    // Not on the stack: a cancel leaves its frames without the address sanitizer's notice.
+    // Not on the stack: a cancel unwinds the frame in a way that the address sanitizer does not
+    // notice.
     static fd_set rxSet;
     static timeval wait;
     FD_ZERO(&rxSet);
@@ -370,8 +372,8 @@ static int _wait_log_pipe(int aicFd)
     return ready;
 }
 
-// Takes one chunk out of the pipe, whole lines or a part of one, and passes it on. Gives its
-// length, 0 or less after a failure.
+// Takes one chunk out of the pipe, whole lines or a part of one, and delivers it. Returns its
+// length, or 0 or less after a failure.
 static ssize_t _rx_log_chunk(int aicFd)
 {
     memset(rxBuf, 0, sizeof rxBuf);
@@ -386,7 +388,7 @@ static ssize_t _rx_log_chunk(int aicFd)
 static void *_rx_log_func_pth(void *)
 {
     thread_begin("kelvara_log");
-    // From here on a cancel takes effect inside select(), which can be unwound from, or not at all.
+    // From here on a cancel takes effect only inside select(), where the stack can be unwound.
     (void)pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     while (_peek(&gibWlRunFlg)) {
         const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[0]) : -1;
@@ -425,7 +427,7 @@ static int _start_log_file()
 
 static int _start_log_thread()
 {
-    // Set here and not on the thread, which might do so after an exit call has cleared it.
+    // Not set by the thread, which could do so after an exit call has cleared it.
     _poke(&gibWlRunFlg, true);
     pthread_t id = 0;
     int err = thread_load_unwinder();
@@ -458,15 +460,17 @@ static void _stop_log_thread()
     giLogPthdId = 0;
 }
 
-// Waits until no caller uses the pipe, and reads on, as some may wait for room in it. Gives up when
-// none has finished for half a second: the very signal handler that called the exit may have
-// interrupted it. That is 250 turns and not a deadline, which an overloaded machine would miss.
+// Waits until no caller uses the pipe. It keeps reading, because callers may wait for room in the
+// pipe. It gives up when none has finished for half a second: the signal handler that called the
+// exit may have interrupted one. The limit is 250 turns and not a deadline, which an overloaded
+// machine would miss.
 static void _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
     int before = 0;
     for (int turns = 250; turns > 0;) {
-        // The look at the count writes it too, as it is: so a later caller finds the pipe shut.
+        // Adding 0 is a read-modify-write, so it is ordered after every earlier increment, and a
+        // later caller finds the pipe shut.
         const int users = __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
         if (users == 0 || (poll(&rx, 1, 2) == 1 && _rx_log_chunk(aicRxFd) <= 0))
             return;
@@ -480,7 +484,7 @@ __attribute__((cold)) static void _release_log()
     _poke(&gibLogPpOpn, false);
     const int fd = giLogPpFdAry[0]; // the thread that read it has gone
     _wait_for_users(fd);
-    // What the pipe took is delivered. Callers add nothing to it, but a forked child may.
+    // Delivers the contents of the pipe, and no more: a forked child may still write into it.
     int left = 0;
     (void)ioctl(fd, FIONREAD, &left); // a pipe knows it; without one there is nothing
     for (ssize_t len = 1; left > 0 && len > 0; left -= static_cast<int>(len))
@@ -502,7 +506,8 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
              const int aicLnNum, const char *format, ...)
 {
     const int err = errno; // hosts log first and look at it afterwards
-    // A host may cancel its own threads: none of them may take a lock or a count with it.
+    // A host may cancel its own threads: a cancelled one must not leave a lock held or a count
+    // raised.
     const int was = thread_defer_cancel();
     char line[gicLnBytes] = {};
     constexpr size_t room = gicLnBytes - 1;
@@ -511,7 +516,8 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
     const size_t used = _put_head(line, gicLogStrAry[tag], now, aipcFlNme, aicLnNum);
 
-    // What does not fit is cut; of a format that cannot be expanded there stays the beginning.
+    // Text that does not fit is cut. If the format cannot be expanded, the part expanded so far
+    // stays.
     if (aicLogLvl == LOG_LEV_TRACE)
         (void)!snprintf(line + used, room - used, "%s() start\n", aipcFuncNme);
     else {

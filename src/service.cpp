@@ -47,12 +47,12 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
     if (err != 0)
         return err;
     const int was = service_lock();
-    // Non-blocking, as libevent's debug mode wants it of every event's descriptor.
+    // Non-blocking, because libevent's debug mode requires it of every event's descriptor.
     *aopServ = {console_leave(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), nullptr, false};
     service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
-    // The call may leave any value behind when it fails, so it gets a variable of its own.
+    // A failing call may leave any value in its result, so it gets a variable of its own.
     pthread_t id = 0;
     err = pthread_create(&id, nullptr, aiEntry, aipArg);
     if (err == 0)
@@ -146,8 +146,8 @@ int service_socket(int *aopFd)
     service_unlock(was);
     if (*aopFd == -1)
         return -1;
-    // A passed descriptor that nobody takes is closed inside our read(), and closing may wait. What
-    // the socket accepts inherits the refusal. Older kernels do not know it.
+    // A passed descriptor that is not received is closed inside our read(), and closing may block.
+    // Accepted sockets inherit the refusal. Older kernels do not know the option.
     const int off = 0;
     (void)setsockopt(*aopFd, SOL_SOCKET, SO_PASSRIGHTS, &off, sizeof off);
     return *aopFd;

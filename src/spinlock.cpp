@@ -9,8 +9,8 @@ static constexpr bool gicbBarriers = false;
 static constexpr bool gicbBarriers = true;
 #endif
 
-// In full, not only for the critical section: what a thread stores before it releases a lock is
-// seen before the thread loads anything else.
+// A full barrier, not only acquire or release: stores before the release of a lock are visible
+// before later loads of the same thread.
 static inline void _barrier()
 {
     if (gicbBarriers)

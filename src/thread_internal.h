@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: MIT
-// How the library's threads meet cancellation.
+// How the library's threads handle cancellation.
 //
-// A thread of ours is cancelled by its exit call. The cancel must never take effect inside the
-// logger, the allocator, stdio, libevent or a lock, nor on just any instruction: on ARM a stack can
-// be unwound from a call only. So cancellation is held off from a thread's first step on, and let
-// in at the few places where a pending cancel takes effect inside a call of ours.
+// The exit call of a service cancels its thread. The cancel must never take effect inside the
+// logger, the allocator, stdio, libevent or a lock, nor at an arbitrary instruction: on ARM a stack
+// can be unwound only from a call. So a thread disables cancellation in its first step, and enables
+// it only at the few places where a pending cancel takes effect inside a call of the library.
 #pragma once
 
 #include <cerrno>
 #include <execinfo.h>
 #include <pthread.h>
 
-// The C library's locks in localtime_r(), random() and rand() stay locked for ever in a child that
-// is forked while another thread holds them. So our calls of these take this lock, for which a fork
-// waits; nothing else is taken under it.
+// If a child is forked while another thread is inside localtime_r(), random() or rand(), the C
+// library's lock stays held in the child for ever. So the library calls these functions under this
+// lock, for which a fork waits; no other lock is taken under it.
 extern pthread_mutex_t gThreadLibcLk;
 
-// First step of every thread: asynchronous cancellation, enabled, and held off at once. The type
-// comes last, when a cancel can no longer take effect between two calls. The name, of 15 characters
-// at most, is for `top -H`, `ps -T` and debuggers.
+// The first step of every thread sets asynchronous cancellation, enabled, and disables it at once.
+// The type is set last, when a cancel can no longer take effect between two calls. The name, of at
+// most 15 characters, is for `top -H`, `ps -T` and debuggers.
 __attribute__((noinline)) inline void thread_begin(const char *aicpcNme)
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only
@@ -27,16 +27,16 @@ __attribute__((noinline)) inline void thread_begin(const char *aicpcNme)
     (void)pthread_setname_np(pthread_self(), aicpcNme);
 }
 
-// glibc loads the unwinder when a thread is first cancelled or exits, and aborts the process when
-// it cannot, for want of a descriptor, say. So it is loaded before a thread of ours is created.
-// Gives 0 or, without it, the error number with which the start fails.
+// glibc loads the unwinder when a thread is first cancelled or exits, and aborts the process if
+// that fails, for example because no descriptor is free. So the library loads it before it creates
+// a thread. Returns 0, or the error number that the start reports.
 __attribute__((noinline)) inline int thread_load_unwinder()
 {
     void *pFrame = nullptr;
     return backtrace(&pFrame, 1) > 0 ? 0 : ELIBACC;
 }
 
-// Keeps a cancel out of a section that holds a lock, on any thread; what it gives goes to
+// Disables cancellation in a critical section, on any thread. Pass the result to
 // thread_restore_cancel().
 inline int thread_defer_cancel()
 {

@@ -55,7 +55,7 @@ static constexpr tRate gicRates[] = {
     {3500000, B3500000},
     {4000000, B4000000},
 };
-// Hosts keep the codes as plain numbers, so a platform that numbers them otherwise must not pass.
+// Hosts keep the codes as plain numbers, so a platform with other numbers must not compile.
 static_assert(B0 == 0 && B9600 == 13 && B38400 == 15, "basic line speeds");
 static_assert(B57600 == 4097 && B115200 == 4098 && B4000000 == 4111, "extended line speeds");
 
@@ -87,11 +87,11 @@ static bool _is_linklocal(const in6_addr &aicAddr)
     return aicAddr.s6_addr[0] == 0xFE && (aicAddr.s6_addr[1] & 0xC0) == 0x80;
 }
 
-// Looks at one entry; true: it is the one.
+// Examines one entry; returns true if it is the address.
 static bool _visit_ifaddr(const ifaddrs *aipcEntry, in6_addr *aopAddr6, const char *aipcIface)
 {
     const int family = aipcEntry->ifa_addr != nullptr ? aipcEntry->ifa_addr->sa_family : 0;
-    // Trace lines, here and below: if one is lost, nobody could be told.
+    // Best effort, here and below: a lost trace line cannot be reported.
     (void)printf("ifa_name=%s, family=0x%X(%s)\n", aipcEntry->ifa_name,
                  static_cast<unsigned>(family), _family_name(family));
     if (family != AF_INET6)
@@ -185,7 +185,8 @@ char xorCheckSum(const char *const aicpcStartPtr, const char *const aicpcEndPtr)
     const char *at = aicpcStartPtr;
     size_t left = last - first + 1;
 
-    // Eight words a turn hide the counting, and only one of a turn's sums waits for the last turn.
+    // Eight words in each iteration hide the cost of counting, and only one of its sums depends on
+    // the iteration before.
     constexpr size_t step = sizeof(tWord);
     tWord folded = 0;
     for (; left >= 8 * step; left -= 8 * step, at += 8 * step)
