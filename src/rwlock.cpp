@@ -9,7 +9,7 @@
 static constexpr unsigned gicYields = 16;
 static constexpr timespec gicNap = {0, 50000};
 
-void rwlock_take(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk)
+void rwlock_wait(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk)
 {
     for (unsigned tries = 0; aicpTry(aiopLk) != 0; tries++) {
         if (tries < gicYields) {

@@ -9,5 +9,12 @@
 
 #include <pthread.h>
 
-// Repeats the try until it gives 0. No cancellation point.
-void rwlock_take(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk);
+// Repeats the try until it gives 0. No cancellation point. Out of line: the uncontended path must not
+// pay for what waiting needs.
+void rwlock_wait(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk);
+
+static inline void rwlock_take(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk)
+{
+    if (aicpTry(aiopLk) != 0)
+        rwlock_wait(aicpTry, aiopLk);
+}

@@ -18,7 +18,7 @@ static tFill _look(tFifo *aipcFifo)
     return fill;
 }
 
-__attribute__((noinline)) static void _write_lock(tFifo *aipcFifo) // small code matters more
+static void _write_lock(tFifo *aipcFifo)
 {
     rwlock_take(pthread_rwlock_trywrlock, &aipcFifo->fifoRwLk);
 }

@@ -30,6 +30,11 @@ gnss = { records = "framed"; %s; };
 """
 
 
+def careless_parent():
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+    signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGHUP, signal.SIGTERM])
+
+
 class Examples(unittest.TestCase):
     def setUp(self):
         os.chdir(self.enterContext(tempfile.TemporaryDirectory(prefix="gnssd")))
@@ -38,7 +43,8 @@ class Examples(unittest.TestCase):
         with tempfile.NamedTemporaryFile(dir=".", delete=False) as log:
             process = self.enterContext(subprocess.Popen(
                 [*RUN, BIN / name, *args],
-                **{"stdin": subprocess.PIPE, "stdout": log, "stderr": log, **options}))
+                **{"stdin": subprocess.PIPE, "stdout": log, "stderr": log,
+                   "preexec_fn": careless_parent, **options}))
         process.text = Path(log.name).read_bytes
         self.addCleanup(process.kill)
         return process
@@ -112,6 +118,7 @@ class Examples(unittest.TestCase):
                 (INPUT, "baudRate = 9601", rb"^conf:4: gnss\.baudRate: allowed"),
                 ("dmNme", "dmNm", rb"^conf:2: server\.dmNm: unknown, .*\n.*\.dmNme: this key is"),
                 ("gnss = {", "more = {", rb"^conf:4: more: allowed"),
+                (INPUT, 'source = "command"; path = "exit 3"', rb"ended with status 3!"),
                 ("server = {", "server = {\n;", rb"^conf:3: syntax")):
             with self.subTest(new):
                 Path("conf").write_text((CONF % INPUT).replace(old, new))
