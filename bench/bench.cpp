@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Each operation beside the yardstick's, as a pair of Google Benchmarks: "NAME" is ours, and
-// "NAME | YARDSTICK" the other. scripts/bench runs them in an empty folder and prints the table.
+// Each operation and its yardstick, as a pair of Google Benchmarks: "NAME" is this library's, "NAME
+// | YARDSTICK" the other. scripts/bench runs them in an empty folder and prints the table.
 #include <common/aes.h>
 #include <common/bbase64.h>
 #include <common/buffer.h>

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# What `cmake --install` puts where. packaging/debian makes packages of it.
+# Where `cmake --install` puts each file. packaging/debian makes packages of the result.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -38,8 +38,8 @@ install(TARGETS ${kelvara_tools})
 install(FILES examples/minimal.c examples/track.nmea docs/lnav/kelvara_log.json
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvara)
 install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-# The configuration and the units of a package stand where the system looks for them. Below a prefix
-# of one's own the programs find the library that stands with them.
+# A package installs the configuration and the units where the system looks for them. Below another
+# prefix the programs use the library of that prefix.
 set(kelvara_etc ${CMAKE_INSTALL_SYSCONFDIR}/kelvara)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(kelvara_etc ${CMAKE_INSTALL_FULL_SYSCONFDIR}/kelvara)

@@ -10,8 +10,8 @@
  *           16-19  n
  *           20-    the n characters of the sentence, without a line end
  *
- * A client that reads too slowly loses bytes. The two lengths, and a sentence that is text, tell it
- * where the next whole record starts, and the sequence numbers how many it missed.
+ * A client that reads too slowly loses bytes. It finds the next whole record by the two lengths and
+ * by a sentence that is text, and the sequence numbers give the number of records missed.
  */
 #ifndef KELVARA_EXAMPLES_FRAMING_H
 #define KELVARA_EXAMPLES_FRAMING_H

@@ -2,11 +2,11 @@
 //
 // gnssd: publishes the sentences of a GNSS receiver to every local client.
 //
-// Threads: the reader cuts the input into sentences, and does nothing else that may wait; the main
-// thread does the rest on one event loop: server, heartbeats, signals, log, and the broadcasting
-// itself. So a heartbeat says that the sentences get out. A FIFO stands between the two, so that a
-// paced replay holds up the reader only. A third thread does nothing but take the signals: they
-// interrupt no other one, the log's neither, and end the program also when the others hang.
+// Threads: the reader cuts the input into sentences, and makes no other call that may block. The
+// main thread does the rest on one event loop: server, heartbeats, signals, log, and the
+// broadcasts. So a heartbeat proves that sentences are sent. A FIFO connects the two, so a paced
+// replay delays only the reader. A third thread only receives signals: they interrupt no other
+// thread, including the log's, and end the program even if the other threads hang.
 #include "framing.h"
 #include "gnssd_cfg.h"
 #include "heartbeat.h"
@@ -62,7 +62,7 @@ static tGnssdCfg giCfg;
 static const char *gipInput; // path or command
 static tOptions giOpt = {nullptr, nullptr, -1, -1, 0, 0};
 
-// What both threads use.
+// Used by both threads.
 static tFifo giFifo;
 static tSentence giSlots[gicDepth];
 static sem_t giFreeSlots;
@@ -70,7 +70,7 @@ static int giReadyFd = -1; // counts the sentences in the FIFO, and one more for
 static int giStopFd = -1;  // readable when the reader is to end
 static tSource giSource;
 
-// The reader's, and the main thread's once that has been joined.
+// The reader's; after the join the main thread's.
 static eSrcResult giEndedBy = SRC_STOP;
 static int giReadErr; // an error number, for SRC_FAIL
 
@@ -163,7 +163,7 @@ static void *_signal_thread(void *)
         pause();
 }
 
-// This thread, and those that it starts from now on, take no signals.
+// Blocks signals in this thread and in the threads that it starts later.
 static bool _start_signal_thread(void)
 {
     pthread_t id;
@@ -197,7 +197,7 @@ static void _pass_on(const tNmeaItem *aipItem)
     _wake(giReadyFd);
 }
 
-// Takes every complete sentence out of the buffer; of what stays, only the start of one.
+// Takes every complete sentence out of the buffer; only the start of an incomplete one remains.
 static void _take_sentences(buffer_t *aipBuf, const bool aibLast)
 {
     int pos = 0;
@@ -272,7 +272,8 @@ static void _input_ended(void)
         event_base_loopbreak(gipBase);
 }
 
-// Takes one sentence and waits for the next: signals, clients and heartbeats have their turns.
+// Publishes one sentence and returns to the loop, so that signals, clients and heartbeats are
+// served.
 static void _ready_cb(int aiFd, short, void *)
 {
     static tSentence sentence;
@@ -295,7 +296,7 @@ static void _ready_cb(int aiFd, short, void *)
         (void)event_add(gipReadyEt, nullptr); // as above
         return;
     }
-    // What a pause of the input delayed is not made up for by a burst.
+    // After a pause of the input, do not catch up with a burst.
     const uint64_t now = tool_now_ns(CLOCK_MONOTONIC);
     if (giDueNs + gicCatchUpNs < now)
         giDueNs = now;
@@ -311,7 +312,7 @@ static void _timer_cb(int, short, void *)
         event_base_loopbreak(gipBase); // clients have had their time
 }
 
-// The sentences that were read are still sent, without pacing.
+// Sends the sentences already read, without pacing.
 static void _stop(void)
 {
     gibStop = true;
@@ -339,7 +340,7 @@ static void _renew_log(void)
         set_global_log_level(_level(&fresh));
 }
 
-// However often a signal came, it is answered once, so that the rest of the loop gets its turns.
+// Several pending signals of one kind are handled once, so that the rest of the loop is served.
 static void _signal_cb(int aiFd, short, void *)
 {
     uint64_t count;
@@ -381,7 +382,7 @@ static int _init_loop(const int aicSignalFd)
     return 0;
 }
 
-// On our own loop the server tells at once whether clients can connect.
+// On the program's own loop the call reports at once whether clients can connect.
 static int _start_server(void)
 {
     const char *const path = giCfg.server.dmNme;
@@ -391,7 +392,7 @@ static int _start_server(void)
         sockfile_bound(&giSockFile, path);
         return 0;
     }
-    // Also for those who log into files only.
+    // Standard error shows the failure even if the log goes to files only.
     fprintf(stderr, "gnssd: %s cannot be served: %s\n", path, strerror(errno));
     LOG_MSG(LOG_LEV_ERROR, "%s cannot be served, msg:%s!!!!\n", path, strerror(errno));
     return result;
@@ -427,12 +428,13 @@ static void _release(void)
 
 static int _run(const int aicSignalFd)
 {
-    // A command is started before everything that it should not inherit.
+    // A command starts before everything that it must not inherit.
     int result = source_open(&giSource, giCfg.kind, gipInput, giCfg.baudRate);
     if (result != 0)
         return result;
     result = _work(aicSignalFd);
-    // A stop from a terminal or a service manager also goes to the command: no failure of its own.
+    // A stop from a terminal or a service manager also reaches the command: this is not a failure
+    // of the command.
     if (source_close(&giSource, giEndedBy == SRC_END && !gibStop) != 0 && result == 0)
         result = -ERR_FREAD_DMN;
     _release();

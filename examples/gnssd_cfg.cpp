@@ -53,7 +53,7 @@ static constexpr int gicKeyCnt = sizeof gicKeys / sizeof gicKeys[0];
 static const char *gipFile;
 static int giMistakes;
 
-// Begins the line that tells of a mistake; the caller ends it.
+// Begins an error line; the caller ends it.
 static void _blame(const config_setting_t *aipcAt, const char *aicpcGroup, const char *aicpcKey)
 {
     const char *const file = config_setting_source_file(aipcAt); // another one after @include
@@ -64,7 +64,7 @@ static void _blame(const config_setting_t *aipcAt, const char *aicpcGroup, const
 
 // --- One key ------------------------------------------------------------------------------------
 
-// The index of the word, -1 when it is none of them.
+// The index of the word, or -1 if it is not in the list.
 static int _word_index(const char *const *aicpcWords, const char *aicpcWord)
 {
     for (int i = 0; aicpcWords[i] != nullptr; i++) {
@@ -138,7 +138,7 @@ static void _check_setting(const config_setting_t *aipcGroup, const config_setti
     fputc('\n', stderr);
 }
 
-// A group's first key stands for the group; false: there is no such group.
+// The first key of a group identifies the group. Returns false if there is no such group.
 static bool _is_group(const char *aicpcName)
 {
     for (int i = 0; i < gicKeyCnt; i++) {
@@ -164,7 +164,7 @@ static void _check_groups(const config_setting_t *aipcRoot)
     }
 }
 
-// The first key of a group tells of a missing group.
+// The check of a group's first key reports a missing group.
 static void _check_missing(const config_setting_t *aipcRoot)
 {
     const char *last = "";

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * gnssd_cfg: the configuration file of gnssd. The library's loaders keep what they had for a key
- * that is missing or wrong; so every key is looked at here before they see the file.
+ * gnssd_cfg: the configuration file of gnssd. The library's loaders silently skip a key that is
+ * missing or wrong, so this module checks every key before it calls them.
  */
 #ifndef KELVARA_EXAMPLES_GNSSD_CFG_H
 #define KELVARA_EXAMPLES_GNSSD_CFG_H
@@ -24,9 +24,9 @@ typedef struct _tGnssdCfg_ {
     int rate; /* sentences a second; 0: as fast as they come */
 } tGnssdCfg;
 
-/* Loads the file. What it does not say gets its start value. Returns 0, or -14
- * (ERR_LIBCFG_READ_FILE_DMN) after a line on standard error for each mistake: file, line, key, and
- * what is allowed; the record may then be filled in part. */
+/* Loads the file. Missing keys get their default. Returns 0, or -14 (ERR_LIBCFG_READ_FILE_DMN)
+ * after a line on standard error for each mistake: file, line, key, and the allowed values; the
+ * record may then be partly filled. */
 int gnssd_cfg_load(tGnssdCfg *aopCfg, const char *aicpcPath);
 
 #endif

@@ -19,8 +19,8 @@ static tFeddogCfg *gipCfg;
 static time_t giPeriodSec = gicPeriodSec;
 static bool gibTold; // that there is no watchdog
 
-// The connection is the one socket of the loop whose own end has no name and whose other end has
-// one: a client's has the server's name, the listening one has no other end.
+// Finds the connection: it is the only socket of the loop whose own end has no name and whose peer
+// has one. A client's connection has the server's name, and the listening socket has no peer.
 static int _is_connection(const struct event_base *, const struct event *aipEvent, void *)
 {
     struct sockaddr_un addr;
@@ -34,7 +34,7 @@ static int _is_connection(const struct event_base *, const struct event *aipEven
 }
 
 // A watchdog that hangs, or a socket of another kind, refuses the connection. The library logs each
-// of these failures: let it do so once. Only this thread logs.
+// failure; this code lets only the first one through. Only this thread logs.
 static bool _connect(void)
 {
     const eLogLevl was = gLogLevl;
@@ -45,7 +45,7 @@ static bool _connect(void)
     return bDone;
 }
 
-// Returns how many seconds the next look may wait.
+// Returns the seconds until the next check.
 static time_t _look(void)
 {
     const char *const path = gipCfg->txFeddogHtDmNme;

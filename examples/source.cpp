@@ -26,7 +26,7 @@ static int _open_file(const char *aicpcPath)
 {
     if (strcmp(aicpcPath, "-") == 0)
         return STDIN_FILENO;
-    // Without O_NONBLOCK a named pipe that nobody writes to would hold us in open().
+    // Without O_NONBLOCK, open() of a named pipe without a writer would block.
     const int fd = open(aicpcPath, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd == -1)
         LOG_MSG(LOG_LEV_ERROR, "open(%s) err, msg:%s!!!!\n", aicpcPath, strerror(errno));
@@ -65,8 +65,8 @@ static pid_t _read_number(FILE *aipStream)
     return static_cast<pid_t>(strtol(line, nullptr, 10));
 }
 
-// pclose2() would signal the process numbered one above the shell without knowing what that is. So
-// the command runs in a subshell, which first prints both numbers.
+// pclose2() would signal the process whose number is one above the shell's, without checking what
+// it is. So the command runs in a subshell, which first prints both numbers.
 static int _open_command(tSource *aopSrc, const char *aicpcCommand)
 {
     char program[1024];

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * source: where gnssd's bytes come from: a file, standard input, a serial line or the output of a
- * command. One thread opens, another may gather, the first closes when that one has ended. Results
- * are those that the services and hosts share (common/dmn_serv.h), negated; failures are logged
- * here, but for those of source_gather(), whose thread must not wait for the log.
+ * source: the input of gnssd: a file, standard input, a serial line or the output of a command. One
+ * thread opens the source, another one may gather, and the first closes the source when the other
+ * has ended. Results are the negated codes of common/dmn_serv.h. Failures are logged here, except
+ * those of source_gather(), whose thread must not wait for the log.
  */
 #ifndef KELVARA_EXAMPLES_SOURCE_H
 #define KELVARA_EXAMPLES_SOURCE_H
@@ -41,11 +41,12 @@ typedef enum _eSrcResult_ {
  * before other threads and the server are started: it inherits what is ignored and open. */
 int source_open(tSource *aopSrc, eSrcKind aicKind, const char *aicpcPath, int aicBaudRate);
 
-/* Waits for input or for aicStopFd, and appends what is there to the buffer. Logs nothing. */
+/* Waits for input or for aicStopFd, and appends the available input to the buffer. Logs nothing. */
 eSrcResult source_gather(const tSource *aipSrc, buffer_t *aipBuf, int aicStopFd);
 
-/* Closes the source. aibEnded: its end has been read, so a command may finish by itself; otherwise
- * it is told to. Returns 0, or -1 for a command that ended with an error of its own, logged. */
+/* Closes the source. aibEnded: its end has been read, so a command may finish by itself;
+ * otherwise the command is terminated. Returns 0, or -1 for a command that ended with an error
+ * of its own, logged. */
 int source_close(tSource *aipSrc, bool aibEnded);
 
 #endif

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// tap: shows what a daemon sends to its clients. At the end of the stream, or on a signal, tells on
-// standard error what came, how fast, and how much was lost.
+// tap: shows the messages that a daemon sends to its clients. At the end of the stream, or on a
+// signal, it reports on standard error how much arrived, how fast, and how much was lost.
 #include "framing.h"
 #include "sockfile.h"
 #include "tool.h"
@@ -36,7 +36,7 @@ typedef struct _tTap_ {
     buffer_t *buf; // what is not shown yet
 } tTap;
 
-// Shows what can be shown of the buffer and leaves the rest. aibLast: nothing will follow.
+// Shows the complete messages in the buffer and keeps the rest. aibLast: no input will follow.
 typedef void (*tShow)(tTap *aipTap, bool aibLast);
 
 typedef struct _tMode_ {
@@ -116,7 +116,7 @@ static void _show_frame(tTap *aipTap, const tFrame *aipFrame)
     aipTap->items++;
 }
 
-// Where no record starts, because bytes were lost, one is looked for at the next byte.
+// After a loss no record starts here: tries the next byte.
 static void _show_frames(tTap *aipTap, const bool aibLast)
 {
     int pos = 0;
@@ -136,8 +136,8 @@ static void _show_frames(tTap *aipTap, const bool aibLast)
         aipTap->skipped += static_cast<unsigned long>(aipTap->buf->used);
 }
 
-// The connection, or -1 with errno; a signal ends the wait. Whatever keeps a daemon from being
-// there may pass: a missing folder, a socket left behind, a full queue.
+// Returns the connection, or -1 with errno; a signal ends the wait. The causes of a failure may
+// pass: a missing folder, a socket left behind, a full queue.
 static int _connect(const char *aicpcPath, const int aicWaitMs, const int aicSignalFd)
 {
     struct sockaddr_un addr;

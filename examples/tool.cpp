@@ -39,8 +39,8 @@ int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcT
     exit(2);
 }
 
-// A program that hangs, in the output to a console that nobody reads for instance, still takes
-// signals. A handler may call all of this; setitimer() too, in glibc.
+// A program that hangs, for instance in output to a console that is not read, must still handle
+// signals. All calls here are async-signal-safe; in glibc setitimer() is, too.
 static void _on_signal(int aiSignal)
 {
     const uint64_t one = 1;
@@ -70,8 +70,8 @@ static void _handle(const int aicSignal, void (*aipHandler)(int))
     (void)pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-// What is opened later must not get the number of a closed standard descriptor, or it would also
-// get what is printed. A folder serves as well: it can neither be read nor written.
+// A descriptor opened later must not get the number of a closed standard descriptor, or it would
+// also receive the printed output. A folder serves the purpose: it can neither be read nor written.
 static bool _fill_standard_descriptors(void)
 {
     for (;;) {

@@ -26,8 +26,8 @@ int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcT
  * are started later should have these signals blocked. */
 int tool_signals(const int *aicpcMore);
 
-/* Tells whether the signal came since the last question, once or several times. Read the eventfd
- * first. */
+/* Returns whether the signal arrived since the last call, once or several times. Read the
+ * eventfd first. */
 bool tool_signal_came(int aicSignal);
 
 /* The clock in nanoseconds. */

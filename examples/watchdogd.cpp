@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// watchdogd: the supervisor's side of the heartbeats, for development. One thread: everything hangs
-// on one poll().
+// watchdogd: the receiver of the heartbeats, for development. One thread handles everything with
+// one poll().
 #include "sockfile.h"
 #include "tool.h"
 
@@ -99,7 +99,7 @@ static void _take_name(tFed *aipFed, const char *aicpcName, const size_t aicLen)
     aipFed->name[aicLen] = '\0';
 }
 
-// A heartbeat may come in pieces, or several at once. False: the daemon has gone.
+// A heartbeat may arrive in pieces, or several at once. Returns false if the daemon has gone.
 static bool _receive(const int aicFd, tFed *aipFed)
 {
     char chunk[1024];
@@ -124,7 +124,7 @@ static bool _receive(const int aicFd, tFed *aipFed)
     }
 }
 
-// Warns once a silence.
+// Warns once for each silence.
 static void _check_late(void)
 {
     const uint64_t now = _now_ms();

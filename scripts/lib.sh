@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# shellcheck shell=bash disable=SC2034 # what seems unused, those who source this use
+# shellcheck shell=bash disable=SC2034 # used by the scripts that source this
 # What the scripts share; source it. It leaves the caller in the root of the tree.
 set -euo pipefail
 

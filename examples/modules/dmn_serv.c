@@ -38,7 +38,8 @@ int main(void)
     struct pollfd client = {.fd = fd, .events = POLLIN};
     if (fd == -1)
         return 1;
-    /* Who is not yet in the server's list gets nothing: broadcast until something arrives. */
+    /* A client that is not yet in the server's list gets nothing: broadcast until something
+     * arrives. */
     do
         dmn_serv_tx_clit_msg(fix, (int)strlen(fix));
     while (poll(&client, 1, 20) == 0);
@@ -46,7 +47,7 @@ int main(void)
     if (got > 0)
         printf("received: %.*s", (int)got, received);
     dmn_server_exit();
-    while (got > 0) /* what was broadcast meanwhile, and then the end of the stream */
+    while (got > 0) /* the remaining broadcasts, then the end of the stream */
         got = read(fd, received, sizeof(received));
     printf("end of stream: %zd\n", got);
     close(fd);

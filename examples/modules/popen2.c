@@ -34,6 +34,6 @@ int main(void)
         kill((pid_t)number[1], SIGTERM);
         fclose(from);
     }
-    /* Nobody else reaps the shell. */
+    /* The host must reap the shell. */
     return waitpid((pid_t)number[0], NULL, 0) == (pid_t)number[0] ? 0 : 1;
 }

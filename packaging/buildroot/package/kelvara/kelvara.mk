@@ -6,7 +6,7 @@
 ################################################################################
 
 KELVARA_VERSION = 1.0.0
-# The external tree stands in the tree that it builds.
+# The external tree is part of the tree that it builds.
 KELVARA_SITE = $(BR2_EXTERNAL_KELVARA_PATH)/../..
 KELVARA_SITE_METHOD = local
 KELVARA_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build

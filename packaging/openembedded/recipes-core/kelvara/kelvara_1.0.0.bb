@@ -10,7 +10,7 @@ DEPENDS = "libevent libconfig"
 
 inherit cmake externalsrc
 
-# The layer stands in the tree that it builds.
+# The layer is part of the tree that it builds.
 EXTERNALSRC = "${THISDIR}/../../../.."
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 
