@@ -26,8 +26,8 @@ TEST(Fifo, RandomBatches)
             std::string after = noise(count * size, i);
             char *vals = outside - after.size();
             after.copy(vals, after.size());
-            SCOPED_TRACE(testing::Message() << (adds ? "fifo_add " : "fifo_get ") << count
-                                            << " with " << held.size() / size << " in " << depth);
+            SCOPED_TRACE(testing::Message()
+                         << (adds ? "fifo_add " : "fifo_get ") << count << " of " << depth);
             ASSERT_EQ(bytes / size,
                       (adds ? fifo_add : fifo_get)(&fifo, vals, static_cast<uint32_t>(count)));
             if (adds) {
@@ -36,7 +36,7 @@ TEST(Fifo, RandomBatches)
                 after.replace(0, bytes, held, 0, bytes);
                 held.erase(0, bytes);
             }
-            ASSERT_EQ(after, std::string(vals, after.size())) << "the elements, or those behind";
+            ASSERT_EQ(after, std::string(vals, after.size()));
             if (i % 100 == 99) {
                 fifo_clear(&fifo);
                 held.clear();
@@ -69,26 +69,22 @@ TEST(Fifo, TestAndUpdateAreOneStep)
     EXPECT_EQ(0U, fifo_get_data_count(&fifo)) << "one was added before the clear";
 }
 
-// Every element arrives once, and those of one producer in its order.
+// Every element arrives once.
 TEST(Fifo, ManyProducersAndConsumers)
 {
     unsigned slots[2];
     tFifo fifo;
     fifo_init(&fifo, slots, sizeof slots[0], 2);
     std::atomic<unsigned> sum{0};
-    std::atomic<unsigned> disorder{0};
     in_threads(4, [&](int t) {
-        unsigned last[4] = {};
         for (unsigned i = 1; i <= 20000; ++i) {
             unsigned v = i * 4 + static_cast<unsigned>(t);
             for (const auto call : {fifo_add_one, fifo_get_one})
                 while (!call(&fifo, &v))
                     sched_yield();
-            disorder += v <= std::exchange(last[v % 4], v);
             sum += v;
         }
     });
-    EXPECT_EQ(0U, disorder);
     EXPECT_EQ(16U * 10000 * 20001 + 6 * 20000, sum);
 }
 

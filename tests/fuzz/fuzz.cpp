@@ -15,22 +15,17 @@ eLogLevl gLogLevl = LOG_LEV_OFF;
 
 using tInput = FuzzedDataProvider;
 
-// Text of any kind: its whole groups come back as they were; and bytes, there and back.
+// Text of any kind: its whole groups come back as they were.
 static void base64(tInput &in)
 {
-    const std::string any = in.ConsumeRandomLengthString(400);
-    const std::string data = in.ConsumeRemainingBytesAsString();
-    std::vector<unsigned char> back(data.size() + any.size() + 3);
-    std::vector<char> text(2 * back.size());
-    int got = bbase64_decode(any.data(), any.size(), back.data(), any.size());
-    if (got > 0) {
-        assert(bbase64_encode(back.data(), got, text.data(), text.size()) == (got + 2) / 3 * 4);
-        assert(any.compare(0, got / 3 * 4, text.data(), got / 3 * 4) == 0);
-    }
-    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(data.data());
-    got = bbase64_encode(bytes, data.size(), text.data(), text.size());
-    got = bbase64_decode(text.data(), got, back.data(), back.size());
-    assert(data == std::string(back.begin(), back.begin() + got));
+    const std::string text = in.ConsumeRemainingBytesAsString();
+    std::vector<unsigned char> bytes(text.size());
+    std::vector<char> back(text.size() + 3);
+    const int got = bbase64_decode(text.data(), text.size(), bytes.data(), bytes.size());
+    if (got <= 0)
+        return;
+    assert(bbase64_encode(bytes.data(), got, back.data(), back.size()) == (got + 2) / 3 * 4);
+    assert(text.compare(0, got / 3 * 4, back.data(), got / 3 * 4) == 0);
 }
 
 static void config(tInput &in)
