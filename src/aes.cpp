@@ -227,7 +227,7 @@ static void _set_key(const uint8_t *aipcKey)
     KeyExpansion();
 }
 
-// What a null leaves as it is.
+// A null argument leaves its value unchanged.
 static void _set_key_and_iv(const uint8_t *aipcKey, const uint8_t *aipcIv)
 {
     if (aipcKey != nullptr)

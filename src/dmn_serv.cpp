@@ -254,7 +254,7 @@ int _dmn_server_init(event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg)
         LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
         return -ERR_EVENT_NEW_DMN;
     }
-    (void)event_add(gipTcpServEt, nullptr); // its failure leaves a server that nobody can reach
+    (void)event_add(gipTcpServEt, nullptr); // if this fails, no client can connect
     return SUCCESS_DMN;
 }
 

@@ -272,7 +272,7 @@ static bool _open_log_file(const char *aicpcNme)
 {
     printf("New save log path=%s\n", aicpcNme);
     if (gipLogFp != nullptr)
-        (void)fclose(gipLogFp); // every write was flushed, and there is nobody to tell
+        (void)fclose(gipLogFp); // every write was flushed; a failure cannot be reported
     gipLogFp = _fopen_log(aicpcNme);
     if (gipLogFp == nullptr) {
         puts("fopen() err!!!!");
@@ -454,7 +454,7 @@ static void _stop_log_thread()
         return;
     puts("Wait _rx_log_func_pth() pthread stop------");
     _poke(&gibWlRunFlg, false);
-    (void)pthread_cancel(giLogPthdId); // a thread that has ended is joined all the same
+    (void)pthread_cancel(giLogPthdId); // harmless if the thread has ended
     (void)pthread_join(giLogPthdId, nullptr);
     puts("_rx_log_func_pth() pthread already stop------");
     giLogPthdId = 0;

@@ -64,7 +64,7 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
 {
-    (void)pthread_cancel(aiPthdId); // a thread that ended by itself is joined all the same
+    (void)pthread_cancel(aiPthdId);           // harmless if the thread has ended
     (void)eventfd_write(aiopServ->WakeFd, 1); // its counter has room for every stop
     (void)pthread_join(aiPthdId, nullptr);
     service_close(&aiopServ->WakeFd);
