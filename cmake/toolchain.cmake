@@ -11,11 +11,11 @@ set(CMAKE_SYSTEM_NAME Linux)
 if(KELVARA_ARCH STREQUAL armhf)
   set(CMAKE_SYSTEM_PROCESSOR arm)
   set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-  # Thumb-2 is what Debian's compiler emits unless told otherwise; it is named here so that no other
-  # default slips in. It is about a quarter smaller than ARM code, which the 32 KiB caches of this
-  # processor repay, and the digests take the same number of instructions in either.
+  # Debian's compiler emits Thumb-2 by default; it is named here so that other compilers do, too. It
+  # is about a quarter smaller than ARM code, which the 32 KiB caches of this processor repay, and
+  # the digests take the same number of instructions in either.
   set(target_flags "-mcpu=cortex-a9 -mfpu=neon -mfloat-abi=hard -mthumb")
-  # With the processor named, what it lacks (integer division) ends a program by SIGILL.
+  # With this processor, instructions that it lacks (integer division) end a program by SIGILL.
   set(cpu cortex-a9)
 elseif(KELVARA_ARCH STREQUAL arm64)
   set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -37,8 +37,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# What a native compiler finds by itself: the headers, and libevent's event-config.h, which stands
-# with the architecture. Debian's cross compiler would fall back on the machine's own.
+# A native compiler finds the headers and libevent's event-config.h, which depends on the
+# architecture, by itself. Debian's cross compiler would use the build machine's.
 foreach(language C CXX)
   set(CMAKE_${language}_STANDARD_INCLUDE_DIRECTORIES
     ${KELVARA_SYSROOT}/usr/include/${CMAKE_LIBRARY_ARCHITECTURE} ${KELVARA_SYSROOT}/usr/include)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034 # used by the scripts that source this
-# What the scripts share; source it. It leaves the caller in the root of the tree.
+# Functions that the scripts share; source it. It changes to the root of the tree.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
