@@ -15,18 +15,18 @@
 #include <fcntl.h>
 
 inline tTempDir gDir;
-inline std::atomic<bool> gStopping{false}; // the scenario is to go straight to its exit call
+inline atomic<bool> gStopping{false}; // the scenario is to go straight to its exit call
 inline int gAwaitMs = 50;
 
 // Waits for something of the service's, unless the stop comes or a failure has made it vain.
-inline bool await(const std::function<bool()> &done)
+inline bool await(const function<bool()> &done)
 {
     bool met = false;
     calls_uncounted([&] { met = wait_until([&] { return gStopping || done(); }, gAwaitMs); });
     return met && !gStopping;
 }
 
-template <size_t tBytes> void set_path(char (&field)[tBytes], const std::string &name)
+template <size_t tBytes> void set_path(char (&field)[tBytes], const string &name)
 {
     snprintf(field, tBytes, "%s/%s", gDir.path.c_str(), name.c_str());
 }
@@ -198,13 +198,13 @@ struct tRest { // nothing more than this may be there
 // second of its own, or the calls that it makes would depend on the clock.
 inline int spare(const tCall &call)
 {
-    const std::string name = call.name;
+    const string name = call.name;
     return name == "kill" ? ESRCH : name == "gettimeofday" ? EINVAL : 0;
 }
 
 // What a life printed, and whether all of it worked.
 struct tLife {
-    std::string said;
+    string said;
     bool worked;
 };
 

@@ -22,6 +22,13 @@
 #include <unistd.h>
 #include <vector>
 
+using std::atomic;
+using std::function;
+using std::string;
+using std::thread;
+using std::to_string;
+using std::vector;
+
 // Ends a forked child, with what it has counted where scripts/coverage counts.
 extern "C" int __llvm_profile_write_file(void) __attribute__((weak));
 [[noreturn]] inline void leave(int status)
@@ -33,7 +40,7 @@ extern "C" int __llvm_profile_write_file(void) __attribute__((weak));
 
 // A temporary folder that goes with its owner.
 struct tTempDir {
-    std::string path;
+    string path;
     tTempDir()
     {
         char name[] = "/tmp/kelvara-XXXXXX";
@@ -43,20 +50,20 @@ struct tTempDir {
     {
         (void)!system(("rm -rf " + path).c_str());
     }
-    std::string operator/(const std::string &name) const
+    string operator/(const string &name) const
     {
         return path + "/" + name;
     }
 };
 
-inline std::string slurp(const std::string &path)
+inline string slurp(const string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // What the process writes to standard output while `body` runs.
-inline std::string output_of(const std::function<void()> &body)
+inline string output_of(const function<void()> &body)
 {
     testing::internal::CaptureStdout();
     body();
@@ -65,10 +72,10 @@ inline std::string output_of(const std::function<void()> &body)
 }
 
 // Bytes of chance, the same in each run.
-inline std::string noise(size_t len, unsigned seed = 1)
+inline string noise(size_t len, unsigned seed = 1)
 {
     std::mt19937 random(seed);
-    std::string bytes(len, '\0');
+    string bytes(len, '\0');
     for (char &c : bytes)
         c = static_cast<char>(random());
     return bytes;
@@ -84,9 +91,9 @@ inline char *wall()
 }
 
 // Runs `body` on so many threads, and waits for all of them.
-inline void in_threads(int count, const std::function<void(int)> &body)
+inline void in_threads(int count, const function<void(int)> &body)
 {
-    std::vector<std::thread> pool;
+    vector<thread> pool;
     for (int t = 0; t < count; ++t)
         pool.emplace_back(body, t);
     for (auto &one : pool)
@@ -105,7 +112,7 @@ inline long ms_since(std::chrono::steady_clock::time_point start)
     return static_cast<long>(passed.count());
 }
 
-inline bool wait_until(const std::function<bool()> &done, int ms = 10000)
+inline bool wait_until(const function<bool()> &done, int ms = 10000)
 {
     for (const auto start = std::chrono::steady_clock::now(); !done(); nap(1))
         if (ms_since(start) > ms)
@@ -121,14 +128,14 @@ inline bool set_priority(pthread_t thread, int priority) // 0: none
 
 // On one processor a thread of low real-time priority repeats `call` without a pause while one of
 // high priority does so every 100 us. Each call has to end.
-inline void between_priorities(const std::function<void()> &call)
+inline void between_priorities(const function<void()> &call)
 {
     constexpr int wanted = 3000;
-    std::atomic<int> done{0};
+    atomic<int> done{0};
     if (!set_priority(pthread_self(), 90)) // the watchdog's
         GTEST_SKIP() << "real-time priorities need a privilege";
     const auto start = [](int priority, auto body) {
-        return std::thread([=] {
+        return thread([=] {
             cpu_set_t first;
             CPU_ZERO(&first);
             CPU_SET(0, &first);
@@ -137,11 +144,11 @@ inline void between_priorities(const std::function<void()> &call)
             body();
         });
     };
-    std::thread slow = start(10, [&] {
+    thread slow = start(10, [&] {
         while (done < wanted)
             call();
     });
-    std::thread quick = start(80, [&] {
+    thread quick = start(80, [&] {
         for (; done < wanted; ++done, usleep(100))
             call();
     });
@@ -153,9 +160,9 @@ inline void between_priorities(const std::function<void()> &call)
 }
 
 // `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".
-inline std::string tagged(const std::string &said)
+inline string tagged(const string &said)
 {
-    std::string out;
+    string out;
     for (size_t at = 0, end = 0; at < said.size(); at = end + 2) {
         end = said.find("] ", at);
         if (end == std::string::npos)
@@ -167,7 +174,7 @@ inline std::string tagged(const std::string &said)
     return out;
 }
 
-inline size_t count_of(const std::string &text, const std::string &part)
+inline size_t count_of(const string &text, const string &part)
 {
     size_t found = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
@@ -192,7 +199,7 @@ inline size_t open_descriptors()
 // How many threads there are, with whatever a sanitizer starts along with the first one.
 inline size_t threads_at_rest()
 {
-    std::thread([] {}).join();
+    thread([] {}).join();
     nap(20);
     return entries_of("/proc/self/task");
 }
@@ -202,7 +209,7 @@ inline bool threads_settle_at(size_t wanted)
     return wait_until([=] { return entries_of("/proc/self/task") == wanted; });
 }
 
-inline sockaddr_un unix_name(const std::string &path)
+inline sockaddr_un unix_name(const string &path)
 {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
@@ -211,7 +218,7 @@ inline sockaddr_un unix_name(const std::string &path)
 }
 
 // A connected client, or -1.
-inline int unix_connect(const std::string &path)
+inline int unix_connect(const string &path)
 {
     const sockaddr_un addr = unix_name(path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -222,14 +229,14 @@ inline int unix_connect(const std::string &path)
 }
 
 // A client of a server that is starting up.
-inline int unix_connect_soon(const std::string &path)
+inline int unix_connect_soon(const string &path)
 {
     int fd = -1;
     EXPECT_TRUE(wait_until([&] { return (fd = unix_connect(path)) != -1; })) << path;
     return fd;
 }
 
-inline int unix_listen(const std::string &path)
+inline int unix_listen(const string &path)
 {
     const sockaddr_un addr = unix_name(path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -239,11 +246,11 @@ inline int unix_listen(const std::string &path)
 }
 
 // Exactly `len` bytes, fewer at end of stream; fails when nothing comes for ten seconds.
-inline std::string read_bytes(int fd, size_t len)
+inline string read_bytes(int fd, size_t len)
 {
     timeval wait = {10, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    std::string got(len, '\0');
+    string got(len, '\0');
     const ssize_t n = len == 0 ? 0 : recv(fd, &got[0], len, MSG_WAITALL);
     EXPECT_FALSE(n == -1 && errno == EAGAIN) << "neither bytes nor the end of the stream";
     got.resize(n > 0 ? static_cast<size_t>(n) : 0);

@@ -59,7 +59,7 @@ static tBytes chained(bool encrypts, const tBytes &key, tBytes last, const tByte
 TEST(Aes, AnySequenceOfChains)
 {
     std::mt19937 rng(1);
-    std::string memory = noise(4000 * 160);
+    string memory = noise(4000 * 160);
     tBytes key(16, 0);
     uint8_t iv[16] = {};
     uint8_t *pLast = iv;

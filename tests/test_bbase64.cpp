@@ -6,7 +6,6 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-using std::string;
 using tResult = std::pair<int, string>;
 
 // The result, and the room up to the last byte that was written. Input and room end where their

@@ -10,13 +10,13 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-static std::string big_endian(uint64_t value, size_t bytes)
+static string big_endian(uint64_t value, size_t bytes)
 {
     value = htobe64(value);
     return {reinterpret_cast<char *>(&value) + 8 - bytes, bytes};
 }
 
-static std::string data_of(const buffer_t *b)
+static string data_of(const buffer_t *b)
 {
     return {b->ptr, static_cast<size_t>(b->used)};
 }
@@ -36,21 +36,21 @@ TEST(Buffer, RandomOperations)
         buffer_t *to = rng() % 50 ? d : nullptr;
         buffer_t *from = rng() % 50 ? s : nullptr;
         const bool grows = rng() % 4 != 0;
-        const std::string was = data_of(d);
-        const std::string other = data_of(s);
+        const string was = data_of(d);
+        const string other = data_of(s);
         const bool filled = from != nullptr && !other.empty();
         const size_t n = rng() % (was.size() + 2);
         const int size = d->size;
         const uint64_t v = uint64_t{rng()} << 32 | rng();
-        std::string text = noise(rng() % 150, i);
+        string text = noise(rng() % 150, i);
         const auto len = static_cast<uint32>(text.size());
         d->ptr[was.size()] = 'x'; // must become a 0 with every change
 
 #define CALL(call) #call, [&] { call; }
         const struct {
-            std::string name;
-            std::function<void()> call;
-            std::string wanted;   // the data after it
+            string name;
+            function<void()> call;
+            string wanted;        // the data after it
             bool possible = true; // else nothing may happen
         } cases[] = {{CALL(write_string(to, &text[0], len)), was + big_endian(len, 4) + text},
                      {CALL(_write_ex(to, &text[0], len)), was + text},
@@ -68,7 +68,7 @@ TEST(Buffer, RandomOperations)
         calls_watch(grows ? nullptr : calls_fail("realloc", 0, ENOMEM));
         c.call();
         calls_stop();
-        SCOPED_TRACE(c.name + " with " + std::to_string(was.size()) + " bytes");
+        SCOPED_TRACE(c.name + " with " + to_string(was.size()) + " bytes");
         const int need = static_cast<int>(c.wanted.size()) + 1;
         const bool done = c.possible && to != nullptr && (need <= size || grows);
         ASSERT_EQ(done ? c.wanted : was, data_of(d));
@@ -124,7 +124,7 @@ TEST(Buffer, Limits)
     for (const int len : {6, INT_MAX, INT_MIN})
         EXPECT_EQ(nullptr, buffer_calloc(&some, len));
     EXPECT_EQ(text + 10, buffer_calloc(&some, 5));
-    EXPECT_EQ(std::string("0123456789\0\0\0\0\0x", 16), std::string(text, 16));
+    EXPECT_EQ(string("0123456789\0\0\0\0\0x", 16), string(text, 16));
     EXPECT_EQ(15, some.used);
     EXPECT_TRUE(calls_seen().empty());
 }
@@ -135,7 +135,7 @@ TEST(Buffer, ReadBuffer)
     const struct {
         const char *fails;
         int err, result;
-        std::string says = "";
+        string says = "";
         int used = 0, waiting = 3; // bytes held, and to the end of the file
         int size = 64;
     } cases[] = {{"ioctl", EAGAIN, 0},
@@ -149,7 +149,7 @@ TEST(Buffer, ReadBuffer)
                  {"", 0, length, "", 64, length, 1024},
                  {"", 0, -1, "toread:1 ret:0, msg:Success\n", 0, 0},
                  {"", 0, -1, "toread:1 ret:0, msg:Success\n", 0, -100}};
-    const std::string bytes = noise(length);
+    const string bytes = noise(length);
     const int fd = fileno(tmpfile());
     EXPECT_EQ(length, write(fd, bytes.data(), length));
     for (const auto &c : cases) {

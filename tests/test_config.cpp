@@ -33,10 +33,10 @@ static Message dog_loaded(const config_t *cfg)
 
 TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest)
 {
-    const std::string longest(254, 'p'), quoted = " = \"" + longest + "pp\"; ";
+    const string longest(254, 'p'), quoted = " = \"" + longest + "pp\"; ";
     const struct {
         Message (*load)(const config_t *);
-        std::string members, wanted; // "-": no such group
+        string members, wanted; // "-": no such group
     } table[] = {
         {log_loaded,
          "logRunMd = 1; fileMod = 5; logSaveMaxCnt = 9; stdoutLogSwt = 4; fileLogSwt = 0;",
@@ -53,10 +53,10 @@ TEST(Config, LoadersTakeWhatIsThereAndKeepTheRest)
     for (const auto &row : table) {
         config_t cfg;
         config_init(&cfg);
-        const std::string text = row.members == "-" ? "" : "a: { b: { " + row.members + " }; };";
+        const string text = row.members == "-" ? "" : "a: { b: { " + row.members + " }; };";
         EXPECT_TRUE(config_read_string(&cfg, text.c_str())) << text;
-        std::string got;
-        const std::string said = output_of([&] { got = row.load(&cfg).GetString(); });
+        string got;
+        const string said = output_of([&] { got = row.load(&cfg).GetString(); });
         EXPECT_EQ(row.wanted, tagged(said) + got) << text;
         config_destroy(&cfg);
     }

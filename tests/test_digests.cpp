@@ -9,8 +9,6 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-using std::string;
-
 template <typename tCtx> struct tDigest {
     size_t len;
     const char *ofAll; // see PiecesMakeTheWhole
@@ -117,7 +115,7 @@ TEST(Digests, TheCountHas64Bits)
 }
 
 // A stream by a script: a number delivers so many bytes, -1 fails one read.
-using tScript = std::vector<int>;
+using tScript = vector<int>;
 
 static ssize_t read_script(void *cookie, char *to, size_t len)
 {

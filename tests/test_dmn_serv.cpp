@@ -13,9 +13,9 @@
 eLogLevl gLogLevl = LOG_LEV_OFF; // the notices of a client's end pass every threshold
 
 static tTempDir gDir;
-static const std::string gPath = gDir / "s";
+static const string gPath = gDir / "s";
 
-static int broadcast(std::string text)
+static int broadcast(string text)
 {
     return dmn_serv_tx_clit_msg(&text[0], static_cast<int>(text.size()));
 }
@@ -31,7 +31,7 @@ struct tServer {
         gPath.copy(cfg.dmNme, sizeof cfg.dmNme - 1);
         EXPECT_EQ(0, _dmn_server_init(base, &cfg));
     }
-    std::string turn() const
+    string turn() const
     {
         return tagged(output_of([this] { event_base_loop(base, EVLOOP_ONCE); }));
     }
@@ -61,24 +61,24 @@ TEST(DmnServ, BroadcastsToAllOldestFirst)
         EXPECT_EQ(SIG_IGN, signal(SIGPIPE, SIG_DFL));
         const int clients[] = {server.client(), server.client(), server.client()};
         // Before each write: which of them have the message already.
-        std::string got;
+        string got;
         calls_watch([&](const tCall &call) {
             char byte;
             for (const int fd : clients)
-                if (call.name == std::string("write"))
+                if (call.name == string("write"))
                     got += recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1 ? "+" : "-";
             return 0;
         });
-        EXPECT_EQ(0, broadcast(std::string("a\0\n%s", 5)));
+        EXPECT_EQ(0, broadcast(string("a\0\n%s", 5)));
         calls_stop();
         EXPECT_EQ("---+--++-", got);
-        EXPECT_EQ(1000, send(clients[1], std::string(1000, 'x').data(), 1000, 0));
+        EXPECT_EQ(1000, send(clients[1], string(1000, 'x').data(), 1000, 0));
         EXPECT_EQ("", server.turn()); // thrown away
         char one[] = "b";
         EXPECT_EQ(0, dmn_serv_tx_clit_msg(one, -1));
         EXPECT_EQ(0, broadcast("") + broadcast("c"));
         for (const int fd : clients) {
-            EXPECT_EQ(std::string("a\0\n%sc", 6), read_bytes(fd, 6));
+            EXPECT_EQ(string("a\0\n%sc", 6), read_bytes(fd, 6));
             close(fd);
         }
     }
@@ -94,10 +94,10 @@ TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
         if (unread)
             broadcast("u");
         close(leaves);
-        std::thread sender; // while the server closes the connection
+        thread sender; // while the server closes the connection
         calls_watch([&](const tCall &call) {
-            if (call.name == std::string("close")) {
-                sender = std::thread([] { broadcast("x"); });
+            if (call.name == string("close")) {
+                sender = thread([] { broadcast("x"); });
                 EXPECT_TRUE(wait_until([] { return calls_count("write") > 0; }))
                     << "a sender waits for more than the list";
             }
@@ -119,10 +119,10 @@ TEST(DmnServ, ReadersGetAllBesideOthersThatDoNotRead)
     tServer server;
     const int reads = server.client();
     const int sleeps = server.client();
-    const std::string message = noise(1000);
+    const string message = noise(1000);
     for (int i = 0; i < 1000; ++i) { // more than a client's socket holds
-        broadcast(std::to_string(1000 + i) + message);
-        ASSERT_EQ(std::to_string(1000 + i) + message, read_bytes(reads, 1004));
+        broadcast(to_string(1000 + i) + message);
+        ASSERT_EQ(to_string(1000 + i) + message, read_bytes(reads, 1004));
     }
     EXPECT_EQ("1000" + message, read_bytes(sleeps, 1004));
     close(reads);
@@ -179,7 +179,7 @@ TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack)
 {
     const int saved = dup(0);
     for (const bool clientOnZero : {false, true}) {
-        std::string said;
+        string said;
         if (!clientOnZero)
             close(0);
         {
@@ -193,7 +193,7 @@ TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack)
             }));
             EXPECT_NE(-1, fcntl(0, F_GETFD));
             for (int i = 0; i < 20; ++i) // would wait for ever on a blocking descriptor
-                EXPECT_EQ(0, broadcast(std::string(100000, 'm')));
+                EXPECT_EQ(0, broadcast(string(100000, 'm')));
             close(fd);
             server.fds -= clientOnZero; // the one that was closed here
         }

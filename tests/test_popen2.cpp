@@ -12,32 +12,32 @@
 
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 
-static std::string gSent; // the signals, each with what was blocked when it came
+static string gSent; // the signals, each with what was blocked when it came
 
-static std::string blocked()
+static string blocked()
 {
-    std::string text;
+    string text;
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     for (int sig = 1; sig < 32; ++sig)
         if (sigismember(&mask, sig))
-            text += " " + std::to_string(sig);
+            text += " " + to_string(sig);
     return text;
 }
 
 // Nothing is really sent: it could reach any process.
 extern "C" int kill(pid_t pid, int sig) noexcept
 {
-    gSent += std::to_string(pid) + " gets " + std::to_string(sig) + ", blocked:" + blocked();
+    gSent += to_string(pid) + " gets " + to_string(sig) + ", blocked:" + blocked();
     return 0;
 }
 
-static FILE *open_command(std::string program, std::string type)
+static FILE *open_command(string program, string type)
 {
     return popen2(program.data(), type.data());
 }
 
-static std::string line_of(FILE *stream)
+static string line_of(FILE *stream)
 {
     char line[16] = "";
     (void)!fgets(line, sizeof line, stream);
@@ -69,7 +69,7 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
         EXPECT_EQ(err ? -1 : 0, pclose2(stream));
         EXPECT_EQ(err ? err : EDOM, errno);
         calls_stop();
-        EXPECT_EQ(err ? "" : std::to_string(shell + 1) + " gets 15, blocked: 1 2 3 10", gSent);
+        EXPECT_EQ(err ? "" : to_string(shell + 1) + " gets 15, blocked: 1 2 3 10", gSent);
         EXPECT_EQ(" 10", blocked());
         FILE *other = fopen("/dev/null", "w"); // on the same descriptor: its slot is clear
         EXPECT_EQ(-1, pclose2(other));
@@ -82,7 +82,7 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
     for (bool ours = false; !ours;) {
         FILE *stream = open_command("echo $$", "r");
         gSent.clear();
-        std::thread([&] {
+        thread([&] {
             ours = gettid() == std::stoi(line_of(stream)) + 1;
             EXPECT_EQ(ours ? -1 : 0, pclose2(stream));
             EXPECT_TRUE(!ours || errno == ESRCH);
@@ -95,7 +95,7 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
 // Whatever standard descriptors are closed, and whether or not the table has a slot for the stream.
 TEST(Popen2, AnyDescriptorsAndAnyTableSize)
 {
-    const auto life = [](const std::string &closed, bool reads, int slots) {
+    const auto life = [](const string &closed, bool reads, int slots) {
         alarm(20); // the commands end only if they hold no copy of our end of the pipe
         signal(SIGPIPE, SIG_DFL);
         for (const char fd : closed)
@@ -115,7 +115,7 @@ TEST(Popen2, AnyDescriptorsAndAnyTableSize)
         EXPECT_EQ(reads ? 1000 : 7, reap()) << "the command's end";
         leave(testing::Test::HasFailure());
     };
-    const std::pair<std::string, int> cases[] = {{"", 0}, {"", 1}, {"0", 1}, {"1", 1}, {"01", 1}};
+    const std::pair<string, int> cases[] = {{"", 0}, {"", 1}, {"0", 1}, {"1", 1}, {"01", 1}};
     for (const auto &[closed, slots] : cases)
         for (const bool reads : {true, false})
             EXPECT_EXIT(life(closed, reads, slots), testing::ExitedWithCode(0), "")
@@ -129,7 +129,7 @@ TEST(Popen2, FailuresLeaveNothingBehind)
         EXPECT_EQ(nullptr, open_command("exit 0", type)) << type;
     EXPECT_TRUE(calls_seen().empty());
     const size_t before = open_descriptors();
-    for (const std::string name : {"getdtablesize", "calloc", "pipe", "fdopen", "execl"}) {
+    for (const string name : {"getdtablesize", "calloc", "pipe", "fdopen", "execl"}) {
         calls_watch(calls_fail(name, 0, ENFILE));
         FILE *stream = open_command("exit 9", "r");
         EXPECT_EQ(name == "execl", stream != nullptr) << name;

@@ -22,7 +22,7 @@ struct tFed {
     int dog = -1;
     int fd = -1;
 
-    explicit tFed(uint32_t sec, uint32_t usec, const std::string &name = "gnssd")
+    explicit tFed(uint32_t sec, uint32_t usec, const string &name = "gnssd")
         : cfg{sec, usec, "", ""}
     {
         name.copy(cfg.feddogNme, sizeof cfg.feddogNme - 1);
@@ -31,7 +31,7 @@ struct tFed {
         EXPECT_EQ(0, _feed_dog_init(base, &cfg));
         fd = accept(dog, nullptr, nullptr);
     }
-    std::string turn() const
+    string turn() const
     {
         return tagged(output_of([this] { event_base_loop(base, EVLOOP_ONCE); }));
     }
@@ -56,15 +56,15 @@ struct tFed {
 TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
 {
     event_enable_debug_mode(); // it aborts at an event whose descriptor blocks
-    const std::string longest(63, 'x');
+    const string longest(63, 'x');
     const struct {
         uint32_t sec, usec;
-        std::string name, bytes;
+        string name, bytes;
     } table[] = {
-        {0, 0, "gnssd", std::string("\0\0\0\0\5gnssd", 10)},
-        {0, 150000, "", std::string(5, '\0')},
-        {0, 1100000, longest, std::string("\0\0\0\0\77", 5) + longest},
-        {1, 0, "gnssd", std::string("\0\0\0\0\5gnssd", 10)},
+        {0, 0, "gnssd", string("\0\0\0\0\5gnssd", 10)},
+        {0, 150000, "", string(5, '\0')},
+        {0, 1100000, longest, string("\0\0\0\0\77", 5) + longest},
+        {1, 0, "gnssd", string("\0\0\0\0\5gnssd", 10)},
         {~0U, ~0U, "gnssd", ""}, // does not wrap into a flood
     };
     for (const auto &row : table) {
@@ -95,7 +95,7 @@ TEST(SelfDog, GoneWatchdogIsNoticedOnce)
         calls_watch(calls_fail("read", 1, err));
         EXPECT_EQ(err ? 1 : 0, send(fed.fd, "x", err ? 1 : 0, 0));
         shutdown(fed.fd, SHUT_RDWR);
-        std::string said;
+        string said;
         for (int turns = 0; turns < 5; ++turns) // beats go on into the void
             said += fed.turn();
         calls_stop();
@@ -113,7 +113,7 @@ TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
     const int watchdog = dup(fed.fd);
     close(fed.fd);
     calls_watch(
-        [&](const tCall &call) { return call.name == std::string("write") ? close(watchdog) : 0; });
+        [&](const tCall &call) { return call.name == string("write") ? close(watchdog) : 0; });
     fed.turn();
     calls_stop();
     EXPECT_EQ(1U, calls_count("write"));

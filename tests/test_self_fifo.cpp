@@ -15,7 +15,7 @@ TEST(Fifo, RandomBatches)
     char *outside = wall();
     for (uint32_t depth = 0; depth < 40; ++depth) {
         const size_t size = 1 + rng() % 33;
-        std::string held;
+        string held;
         tFifo fifo;
         fifo_init(&fifo, slots - depth * size, static_cast<uint32_t>(size), depth);
         for (unsigned i = 0; i < 1000; ++i) {
@@ -23,7 +23,7 @@ TEST(Fifo, RandomBatches)
             const size_t count = rng() % (i % 2 ? 3 : depth + 3);
             const size_t bytes =
                 std::min(count * size, adds ? depth * size - held.size() : held.size());
-            std::string after = noise(count * size, i);
+            string after = noise(count * size, i);
             char *vals = outside - after.size();
             after.copy(vals, after.size());
             SCOPED_TRACE(testing::Message()
@@ -36,7 +36,7 @@ TEST(Fifo, RandomBatches)
                 after.replace(0, bytes, held, 0, bytes);
                 held.erase(0, bytes);
             }
-            ASSERT_EQ(after, std::string(vals, after.size()));
+            ASSERT_EQ(after, string(vals, after.size()));
             if (i % 100 == 99) {
                 fifo_clear(&fifo);
                 held.clear();
@@ -75,7 +75,7 @@ TEST(Fifo, ManyProducersAndConsumers)
     unsigned slots[2];
     tFifo fifo;
     fifo_init(&fifo, slots, sizeof slots[0], 2);
-    std::atomic<unsigned> sum{0};
+    atomic<unsigned> sum{0};
     in_threads(4, [&](int t) {
         for (unsigned i = 1; i <= 20000; ++i) {
             unsigned v = i * 4 + static_cast<unsigned>(t);

@@ -24,8 +24,7 @@ static tLogCfg to_console(eLogRunMod mode)
 {
     return {mode, LOG_FILE_TWO, 0, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
 }
-static tLogCfg to_file(const std::string &path, uint32_t max,
-                       eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
+static tLogCfg to_file(const string &path, uint32_t max, eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
 {
     tLogCfg cfg = {mode, LOG_FILE_TWO, max, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
     path.copy(cfg.saveLogPath, sizeof cfg.saveLogPath - 1);
@@ -33,8 +32,8 @@ static tLogCfg to_file(const std::string &path, uint32_t max,
 }
 
 // What is said while the service runs and `body` logs.
-static std::string logged(
-    const tLogCfg &cfg, const std::function<void()> &body = [] {}, int ret = 0)
+static string logged(
+    const tLogCfg &cfg, const function<void()> &body = [] {}, int ret = 0)
 {
     return output_of([&] {
         EXPECT_EQ(ret, log_system_init(&cfg));
@@ -55,7 +54,7 @@ TEST(Log, LineHasTagTimeFileLineAndBody)
         unsigned level;
         const char *file;
         int line;
-        std::string wanted;
+        string wanted;
     } table[] = {
         {0, "dmn_serv", 200, "[OFF:05:30:00.00070942        dmn_serv 0200] 7 bottles\n"},
         {1, "abcdefghijklmno", 7, "[ERR:05:30:00.00070942 abcdefghijklmno 0007] 7 bottles\n"},
@@ -79,12 +78,12 @@ TEST(Log, LineHasTagTimeFileLineAndBody)
 
 TEST(Log, TooLongIsCutAt1022)
 {
-    const std::string longText(2000, 'x');
-    for (const auto &log : std::initializer_list<std::function<void()>>{
+    const string longText(2000, 'x');
+    for (const auto &log : std::initializer_list<function<void()>>{
              [&] { log_msg(LOG_LEV_OFF, "a", "f", 1, "%s\n", longText.c_str()); },
              [&] { log_msg(LOG_LEV_OFF, longText.c_str(), "f", 1, "body\n"); },
              [&] { log_msg(LOG_LEV_TRACE, longText.c_str(), "f", 1, "body\n"); }}) {
-        const std::string line = output_of(log);
+        const string line = output_of(log);
         EXPECT_EQ(1022U, line.size());
         EXPECT_EQ('x', line.back());
     }
@@ -119,7 +118,7 @@ TEST(Log, MacroObeysThresholdAndCeiling)
         for (unsigned level = 0; level <= LOG_LEV_LOUD; ++level) {
             gLogLevl = static_cast<eLogLevl>(threshold);
             int evaluated = 0;
-            const std::string got =
+            const string got =
                 output_of([&] { LOG_MSG(static_cast<eLogLevl>(level), "%d\n", ++evaluated); });
             const bool wanted = level <= threshold && level <= gicDbLev;
             EXPECT_EQ(wanted ? 1 : 0, evaluated) << threshold << " " << level;
@@ -131,7 +130,7 @@ TEST(Log, ThresholdChange)
 {
     for (const int value : {0, 7, 8, -1, INT_MIN}) {
         const bool good = value >= 0 && value <= 7;
-        const std::string text = std::to_string(value);
+        const string text = to_string(value);
         EXPECT_EQ(
             "gLogLevl=" + text + "\n" +
                 (good ? "" : "Input debug level(" + text + ") err, set 2 value\nNew gLogLevl=2\n"),
@@ -152,7 +151,7 @@ TEST(LogInit, SaysWhatItStartsAndStops)
     const struct {
         const tLogCfg *cfg;
         int ret;
-        std::string said, line;
+        string said, line;
     } table[] = {
         {nullptr, -40960, "aipcLogCfg=NULL\n", "line\n"},
         {&quiet, 0, "File log close\nStdout log close\nLog no create pthread\n", ""},
@@ -197,20 +196,20 @@ TEST(LogRotation, TwoFilesInTurn)
     } table[] = {{3, 3, "123", ""}, {3, 7, "7", "456"}, {1, 3, "3", "2"}, {~0U, 5, "12345", ""}};
     // What was to be said is said before: no descriptor is free for long.
     calls_watch(
-        [](const tCall &call) { return call.name == std::string("fclose") && puts("shut") < 0; });
+        [](const tCall &call) { return call.name == string("fclose") && puts("shut") < 0; });
     unsigned named = 0; // goes on over stops and starts
     for (const auto &row : table) {
-        const std::string path = gDir / ("r" + std::to_string(&row - table));
-        const std::string names[] = {path + "-00.log", path + "-01.log"};
+        const string path = gDir / ("r" + to_string(&row - table));
+        const string names[] = {path + "-00.log", path + "-01.log"};
         const unsigned first = named++;
-        const std::string said = logged(to_file(path, row.max), [&] {
+        const string said = logged(to_file(path, row.max), [&] {
             for (unsigned i = 1; i <= row.writes; ++i)
-                logger(0, 0, std::to_string(i).c_str());
+                logger(0, 0, to_string(i).c_str());
         });
         EXPECT_EQ(row.even, slurp(names[first % 2])) << row.max << " " << row.writes;
         EXPECT_EQ(row.odd, slurp(names[(first + 1) % 2]));
         for (uint64_t i = 1; i * row.max < row.writes; ++i)
-            EXPECT_NE(std::string::npos, said.find("logSaveMaxCnt=" + std::to_string(row.max) +
+            EXPECT_NE(std::string::npos, said.find("logSaveMaxCnt=" + to_string(row.max) +
                                                    "\nrotate start\nNew save log path=" +
                                                    names[named++ % 2] + "\nshut\n"));
     }
@@ -220,11 +219,11 @@ TEST(LogRotation, TwoFilesInTurn)
 // On 32 bits a time and a place in a file need more than a word.
 TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
 {
-    const std::string path = gDir / "t";
+    const string path = gDir / "t";
     tLogCfg cfg = to_file(path, 2);
     cfg.fileMod = LOG_FILE_TIME;
     char text[256] = "";
-    std::string said = output_of([&] {
+    string said = output_of([&] {
         calls_watch(late_clock);
         const int file = dup(0); // the log file gets this number
         close(file);
@@ -242,7 +241,7 @@ TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
     EXPECT_EQ(1U, count_of(text, "[OFF:05:30:00.")) << text;
     EXPECT_EQ(1U, count_of(text, "[OFF:05:30:01.")) << text;
     // A base name of 250 characters leaves four for the ending.
-    const std::string base = path + std::string(250 - path.size(), '/');
+    const string base = path + string(250 - path.size(), '/');
     for (const eLogFileMod mode : {LOG_FILE_TWO, LOG_FILE_TIME}) {
         cfg = to_file(base, 1);
         cfg.fileMod = mode;
@@ -293,15 +292,15 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
     };
     for (const auto &row : table) {
         SCOPED_TRACE(row.name);
-        const std::string path = gDir / ("go" + std::to_string(&row - table));
+        const string path = gDir / ("go" + to_string(&row - table));
         const bool writer = row.mode == LOG_RUN_NEW_PTHREAD;
         const size_t tasks = threads_at_rest();
         const size_t fds = open_descriptors();
-        std::atomic<bool> leaving{false};
-        std::atomic<bool> stands{false};
-        std::atomic<bool> left{false};
+        atomic<bool> leaving{false};
+        atomic<bool> stands{false};
+        atomic<bool> left{false};
         calls_watch([&](const tCall &call) {
-            if (call.name != std::string(row.slow))
+            if (call.name != string(row.slow))
                 return 0;
             if (row.stuck && leaving) {
                 stands = true;
@@ -314,10 +313,10 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         const auto writes = [&] { return calls_count(writer ? "write" : "fwrite"); };
         tLogCfg cfg = to_file(path, writer ? ~0U : row.lines / 3, row.mode);
         cfg.fileMod = LOG_FILE_TIME;
-        const std::string said = output_of([&] {
+        const string said = output_of([&] {
             EXPECT_EQ(0, log_system_init(&cfg));
-            std::atomic<bool> stop{false};
-            std::thread loggers(in_threads, 4, [&](int t) {
+            atomic<bool> stop{false};
+            thread loggers(in_threads, 4, [&](int t) {
                 for (int i = 0; !stop; ++i) {
                     char line[128];
                     snprintf(line, sizeof line, "%d %d %99s\n", t, i, "end");
@@ -352,17 +351,17 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         EXPECT_EQ(writer, std::regex_search(said, stopped)) << said;
 
         // Every line of the files, in their order.
-        std::string text;
+        string text;
         const std::regex opened("New save log path=(.*)\n");
         for (std::sregex_iterator at(said.begin(), said.end(), opened), end; at != end; ++at)
             text += slurp((*at)[1]);
         std::istringstream lines(text);
         int next[4] = {};
         size_t count = 0;
-        std::string thread;
-        for (std::string number, last; lines >> thread >> number >> last; ++count) {
+        string thread;
+        for (string number, last; lines >> thread >> number >> last; ++count) {
             int &wanted = next[std::stoul(thread) % 4];
-            ASSERT_EQ(std::to_string(wanted) + " end", number + " " + last);
+            ASSERT_EQ(to_string(wanted) + " end", number + " " + last);
             ++wanted;
         }
         EXPECT_TRUE(row.stuck || writes() == count) << writes() << " and " << count;
@@ -378,7 +377,7 @@ TEST(LogWriter, HighDescriptors)
         GTEST_SKIP() << "the limit of descriptors is too low";
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    const std::string said = output_of([] {
+    const string said = output_of([] {
         while (dup(2) < FD_SETSIZE - 1)
             continue;
         const size_t fds = open_descriptors();

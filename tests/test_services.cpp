@@ -16,9 +16,9 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // What is to happen at a call; the other calls of a life go on as usual.
 struct tSweep {
-    std::function<bool(const tCall &)> counts; // whether it may happen at this one
-    std::function<int(const tCall &)> happens; // 0, or the error that the call fails with
-    std::function<void(const tLife &)> after = nullptr;
+    function<bool(const tCall &)> counts; // whether it may happen at this one
+    function<int(const tCall &)> happens; // 0, or the error that the call fails with
+    function<void(const tLife &)> after = nullptr;
 };
 
 // Lives a scenario again and again, and lets it happen at one call after the other. Gives how often
@@ -31,8 +31,8 @@ static unsigned sweep(const tScenario &scenario, const tSweep &what)
     unsigned times = 0;
     // The lives of threads differ by a few calls.
     for (unsigned k = 1, idle = 0; idle < 3 && !testing::Test::HasFailure(); ++k) {
-        std::atomic<unsigned> met{0};
-        std::string name;
+        atomic<unsigned> met{0};
+        string name;
         const tLife life = live(scenario, [&](const tCall &call) {
             if (!what.counts(call) || ++met != k)
                 return spare(call);
@@ -64,8 +64,8 @@ class Failures : public tScenarios
 
 TEST_P(Failures, EachCallFailsOnce)
 {
-    const std::string memory = strerror(ENOMEM), unwinder = strerror(ELIBACC);
-    const std::multimap<std::string, std::string> reports = {
+    const string memory = strerror(ENOMEM), unwinder = strerror(ELIBACC);
+    const std::multimap<string, string> reports = {
         {"direct_log", "fopen() err!!!!\n"},
         {"writer_log", "pthread_create() err, msg:" + memory + "\n"},
         {"writer_log", "pthread_create() err, msg:" + unwinder},
@@ -99,7 +99,7 @@ TEST_P(Failures, EachCallFailsOnce)
         {"dog", "read() err, msg:" + memory + "!!!!\n"},
     };
     const tScenario &scenario = GetParam();
-    std::string said;
+    string said;
     const auto after = [&](const tLife &life) { said += tagged(life.said); };
     const auto host = std::this_thread::get_id();
     for (const int err : {EINTR, ENOMEM})
@@ -131,9 +131,9 @@ TEST_P(Stops, ExitComesAtEachCallOfTheThread)
     if (locked)
         evthread_use_pthreads();
     const auto host = std::this_thread::get_id();
-    std::atomic<bool> joining{false};
+    atomic<bool> joining{false};
     const auto counts = [&](const tCall &call) {
-        const std::string name = call.name;
+        const string name = call.name;
         const bool ours = std::this_thread::get_id() != host;
         if (!ours && name == "pthread_join")
             joining = true;
@@ -153,7 +153,7 @@ INSTANTIATE_TEST_SUITE_P(All, Stops,
                                                           gicDogThatCannot),
                                           testing::Bool()),
                          [](const auto &one) {
-                             return std::string(std::get<0>(one.param).name) +
+                             return string(std::get<0>(one.param).name) +
                                     (std::get<1>(one.param) ? "_locked" : "");
                          });
 
@@ -170,12 +170,12 @@ __attribute__((constructor(200))) static void meet_forks()
 }
 
 // A process's descriptors of one kind; of this one, not those for reading alone.
-static size_t open_to(const std::string &kind, const std::string &process = "self")
+static size_t open_to(const string &kind, const string &process = "self")
 {
     size_t found = 0;
     for (int fd = 0; fd < 1000; ++fd) {
         char what[256] = "";
-        const std::string link = "/proc/" + process + "/fd/" + std::to_string(fd);
+        const string link = "/proc/" + process + "/fd/" + to_string(fd);
         (void)!readlink(link.c_str(), what, sizeof what - 1);
         if (process != "self" || (fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY)
             found += strncmp(what, kind.c_str(), kind.size()) == 0;
@@ -203,7 +203,7 @@ static void child_life()
                      log_system_exit());
     EXPECT_GE(gPipes, open_to("pipe:"));
     EXPECT_EQ(0U, open_to(gDir.path)) << "log file";
-    gDir.path = gDir / std::to_string(getpid());
+    gDir.path = gDir / to_string(getpid());
     EXPECT_EQ(0, mkdir(gDir.path.c_str(), 0700));
     EXPECT_TRUE(gicDirectLog.run()) << "a log of the child's own";
     EXPECT_TRUE(gicServer.run()) << "a server of the child's own";
@@ -212,10 +212,10 @@ static void child_life()
 
 // Forks on a thread of its own, and waits for the child.
 struct tFork {
-    std::atomic<bool> done{false};
-    std::atomic<pid_t> child{0};
+    atomic<bool> done{false};
+    atomic<pid_t> child{0};
     int status = -1;
-    std::thread thread{[this] {
+    thread forker{[this] {
         calls_uncounted([this] {
             const pid_t pid = fork();
             if (pid == 0) {
@@ -248,7 +248,7 @@ TEST_P(Forks, ChildIsForkedAtEachCall)
         gPipes = open_to("pipe:");
     std::unique_ptr<tFork> forked;
     const auto happens = [&](const tCall &call) {
-        const std::string name = call.name;
+        const string name = call.name;
         gbLogAtFork = true;
         forked = std::make_unique<tFork>();
         // A thread that is in the way of the fork goes on, and lets it be.
@@ -261,7 +261,7 @@ TEST_P(Forks, ChildIsForkedAtEachCall)
     const auto after = [&](const tLife &life) {
         if (forked == nullptr)
             return;
-        forked->thread.join();
+        forked->forker.join();
         EXPECT_EQ(0, forked->status);
         EXPECT_TRUE(life.worked);
         forked = nullptr;
@@ -281,10 +281,10 @@ TEST(Descendants, AppendAndTheOwnerRotates)
 {
     tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 2, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
     set_path(cfg.saveLogPath, "o");
-    void *const shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+    void *const shared = mmap(nullptr, sizeof(atomic<int>), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    std::atomic<int> &turn = *new (shared) std::atomic<int>(0);
-    const auto log = [&](int mine, const std::vector<const char *> &lines) {
+    atomic<int> &turn = *new (shared) atomic<int>(0);
+    const auto log = [&](int mine, const vector<const char *> &lines) {
         if (!wait_until([&] { return turn == mine; }))
             leave(1);
         for (const char *line : lines)
@@ -342,7 +342,7 @@ TEST(Descendants, HoldNothingOfTheDaemon)
     FILE *shell = popen("sleep 60 >/dev/null & echo $!", "r");
     ASSERT_EQ(1, fscanf(shell, "%d", &command));
     pclose(shell);
-    EXPECT_EQ(0U, open_to(gDir.path, std::to_string(command))) << "log file";
+    EXPECT_EQ(0U, open_to(gDir.path, to_string(command))) << "log file";
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
     const pid_t child = fork();
@@ -379,7 +379,7 @@ static size_t gLeft; // that many free descriptors
 
 static bool starved_life()
 {
-    std::vector<int> taken;
+    vector<int> taken;
     for (int fd = dup(0); fd != -1; fd = dup(0))
         taken.push_back(fd);
     for (size_t i = 0; i < gLeft; ++i)
@@ -416,9 +416,8 @@ TEST(SetUp, PathLengths)
     event_base *base = event_base_new();
     for (const size_t len : {0U, 107U, 108U, 256U}) {
         SCOPED_TRACE(len);
-        const std::string path =
-            len == 0 ? "" : gDir / std::string(len - gDir.path.size() - 1, 'n');
-        const std::string why = len == 0 ? "Invalid argument" : "File name too long";
+        const string path = len == 0 ? "" : gDir / string(len - gDir.path.size() - 1, 'n');
+        const string why = len == 0 ? "Invalid argument" : "File name too long";
         if (len > 107)
             std::ofstream(path) << "stays";
         tDmnServCfg serv = {};
@@ -448,7 +447,7 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
     set_path(serv.dmNme, "s");
     char program[] = "exit", type[] = "r";
     FILE *pStream = nullptr;
-    const std::function<bool()> calls[] = {
+    const function<bool()> calls[] = {
         [&] { return (pStream = popen2(program, type)) != nullptr; },
         [&] { return pclose2(pStream) == -1 && calls_count("fclose") == 1; },
         [&] { return dmn_serv_tx_clit_msg(program, 1) == 0; },
@@ -460,12 +459,12 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         [] { return self_feddog_exit() == 0; },
         [] { return log_system_exit() == 0; },
     };
-    const std::string said = output_of([&] {
+    const string said = output_of([&] {
         EXPECT_EQ(0, log_system_init(&cfg) + dmn_server_init(&serv));
         const int client = unix_connect_soon(serv.dmNme);
         calls_watch(spare);
         for (const auto &call : calls)
-            std::thread([&] { // a cancel inside the call would end the whole process
+            thread([&] { // a cancel inside the call would end the whole process
                 SCOPED_TRACE(testing::Message() << "call " << &call - calls);
                 pthread_cancel(pthread_self());
                 EXPECT_TRUE(call());

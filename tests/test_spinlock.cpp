@@ -10,7 +10,7 @@ eLogLevl gLogLevl = LOG_LEV_ERROR;
 // Another holder lets go during the back-off call number `last`; every sleep is interrupted.
 TEST(Spinlock, BackOff)
 {
-    std::vector<std::string> want(28, "sched_yield");
+    vector<string> want(28, "sched_yield");
     for (unsigned k = 32; k < 60; ++k)
         want.push_back(k % 2 ? "sched_yield" : "nanosleep");
     spinlock_t lock{7};
@@ -20,12 +20,11 @@ TEST(Spinlock, BackOff)
         calls_watch([&](const tCall &call) {
             if (call.index == static_cast<unsigned>(last))
                 spinlock_unlock(&lock);
-            return call.name == std::string("nanosleep") ? EINTR : 0;
+            return call.name == string("nanosleep") ? EINTR : 0;
         });
         spinlock_lock(&lock);
         calls_stop();
-        EXPECT_EQ(std::vector<std::string>(want.begin(), want.begin() + last), calls_seen())
-            << last;
+        EXPECT_EQ(vector<string>(want.begin(), want.begin() + last), calls_seen()) << last;
         EXPECT_EQ(0, spinlock_try_lock(&lock));
         spinlock_unlock(&lock);
         spinlock_unlock(&lock);

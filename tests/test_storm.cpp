@@ -28,25 +28,24 @@ TEST(Storm, StartsAndStopsOfEverything)
     fflush(stdout);
     (void)!freopen("/dev/null", "w", stdout);
 
-    std::atomic<bool> run{true};
+    atomic<bool> run{true};
     std::shared_mutex logging; // held shared by a thread that logs, alone while the service changes
     char text[300] = "";
-    const std::function<void()> peers[] = {[&] { close(accept(dog, nullptr, nullptr)); },
-                                           [&] {
-                                               char rest[300];
-                                               const int fd = unix_connect(serv.dmNme);
-                                               send(fd, text, sizeof text, MSG_NOSIGNAL);
-                                               recv(fd, rest, sizeof rest, MSG_DONTWAIT);
-                                               close(fd);
-                                           },
-                                           [&] { dmn_serv_tx_clit_msg(text, sizeof text); },
-                                           [&] {
-                                               const std::shared_lock<std::shared_mutex> hold(
-                                                   logging);
-                                               log_msg(LOG_LEV_OFF, "storm", "f", 1, "line\n");
-                                               set_global_log_level(LOG_LEV_RUN);
-                                           }};
-    std::thread busy(in_threads, 4, [&](int t) {
+    const function<void()> peers[] = {[&] { close(accept(dog, nullptr, nullptr)); },
+                                      [&] {
+                                          char rest[300];
+                                          const int fd = unix_connect(serv.dmNme);
+                                          send(fd, text, sizeof text, MSG_NOSIGNAL);
+                                          recv(fd, rest, sizeof rest, MSG_DONTWAIT);
+                                          close(fd);
+                                      },
+                                      [&] { dmn_serv_tx_clit_msg(text, sizeof text); },
+                                      [&] {
+                                          const std::shared_lock<std::shared_mutex> hold(logging);
+                                          log_msg(LOG_LEV_OFF, "storm", "f", 1, "line\n");
+                                          set_global_log_level(LOG_LEV_RUN);
+                                      }};
+    thread busy(in_threads, 4, [&](int t) {
         while (run)
             peers[t]();
     });

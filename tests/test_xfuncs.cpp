@@ -56,12 +56,12 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
 {
     static in6_addr addr;
     static const auto lookUp = get_linklocal_ipv6addr;
-    const std::string null = "aopcAddr6 and aipcIface can't be NULL!";
+    const string null = "aopcAddr6 and aipcIface can't be NULL!";
 #define HOLDS(call) #call, [] { return call; }
     const struct {
         const char *name;
         bool (*holds)();
-        std::string fails, log; // the calls that fail, and the line about it
+        string fails, log; // the calls that fail, and the line about it
     } cases[] = {
         {HOLDS(!xMalloc(5)), "malloc", "malloc() err!!!!"},
         {HOLDS(!xzMalloc(5)), "calloc", "malloc() err!!!!"},
@@ -87,7 +87,7 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
         calls_watch([&](const tCall &call) {
             return c.fails.find(call.name) != std::string::npos ? ENOMEM : 0;
         });
-        const std::string said = tagged(output_of([&] { EXPECT_TRUE(c.holds()); }));
+        const string said = tagged(output_of([&] { EXPECT_TRUE(c.holds()); }));
         EXPECT_EQ(c.log.empty() ? "" : "ERR xfuncs: " + c.log + "\n", said);
     }
 }
@@ -96,7 +96,7 @@ TEST(Xfuncs, AllocationsAreClearedAndKept)
 {
     free(xMalloc(999));
     for (void *mem : {xzMalloc(999), xzOneCalloc(999), xCalloc(333, 3)}) {
-        EXPECT_EQ(std::string(999, '\0'), std::string(static_cast<char *>(mem), 999));
+        EXPECT_EQ(string(999, '\0'), string(static_cast<char *>(mem), 999));
         mem = xRealloc(strcpy(static_cast<char *>(mem), "kept"), 100000);
         EXPECT_STREQ("kept", static_cast<char *>(mem));
         EXPECT_EQ(nullptr, xRealloc(mem, 0)); // releases it
@@ -108,7 +108,7 @@ TEST(Xfuncs, CheckSumIsThatOfAByteLoop)
     char *const end = wall();
     for (size_t len = 0; len <= 150; ++len)
         for (size_t shift = 0; shift < 64; ++shift) {
-            const std::string bytes = noise(len, static_cast<unsigned>(shift));
+            const string bytes = noise(len, static_cast<unsigned>(shift));
             char *const first = end - len - shift;
             char sum = 0;
             for (const char byte : bytes)
@@ -137,20 +137,19 @@ TEST(Xfuncs, LinkLocalLookUp)
         const char *iface;
         size_t traced;    // entries
         const char *addr; // the last one, when there is no match
-        std::string fails = "";
+        string fails = "";
     } cases[] = {{"eth0", 6, "fe80::1"},
                  {"eth01", 5, "febf:ff::2"},
                  {"eth01", 5, "febf:ff::2", "inet_ntop"},
                  {"eth", 7, "fe80::1"}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.iface + c.fails);
-        std::string text;
+        string text;
         for (size_t i = 0; i < c.traced; ++i)
-            text += std::string("ifa_name=") + gicEntries[i].name +
-                    ", family=" + gicEntries[i].family + "\n";
+            text += string("ifa_name=") + gicEntries[i].name + ", family=" + gicEntries[i].family +
+                    "\n";
         if (c.traced < 7 && c.fails.empty())
-            text +=
-                std::string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr + "\n";
+            text += string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr + "\n";
         in6_addr wanted, got;
         (void)inet_pton(AF_INET6, c.addr, &wanted);
         calls_watch(calls_fail(c.fails, 0, ENOSPC));
@@ -163,8 +162,8 @@ TEST(Xfuncs, LinkLocalLookUp)
 // Of letters and digits, or digits alone, all come; the same in each call of a second.
 TEST(Xfuncs, RandomStrings)
 {
-    const std::string digits = "0123456789";
-    const std::string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    const string digits = "0123456789";
+    const string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     calls_watch(calls_fail("time", 0, 1)); // it stands still
     for (const auto call : {gen_random_string, gen_random_number_string}) {
         char *first = call(5000);
@@ -172,11 +171,11 @@ TEST(Xfuncs, RandomStrings)
         char *none = call(0);
         EXPECT_STREQ(first, second);
         EXPECT_STREQ("", none);
-        const std::string drawn(first);
+        const string drawn(first);
         EXPECT_EQ(5000U, drawn.size());
         const std::set<char> seen(drawn.begin(), drawn.end());
         EXPECT_EQ(call == gen_random_string ? digits + letters : digits,
-                  std::string(seen.begin(), seen.end()));
+                  string(seen.begin(), seen.end()));
         for (char *text : {first, second, none})
             free(text);
     }
