@@ -67,6 +67,14 @@ TEST(Fifo, TestAndUpdateAreOneStep)
     fifo_clear(&fifo);
     calls_stop();
     EXPECT_EQ(0U, fifo_get_data_count(&fifo)) << "one was added before the clear";
+    // A reader keeps them waiting.
+    pthread_rwlock_rdlock(&fifo.fifoRwLk);
+    calls_watch([&](const tCall &call) {
+        return call.name == string("nanosleep") ? pthread_rwlock_unlock(&fifo.fifoRwLk) : 0;
+    });
+    fifo_clear(&fifo);
+    calls_stop();
+    EXPECT_EQ(1U, calls_count("nanosleep"));
 }
 
 // Every element arrives once.

@@ -17,6 +17,7 @@ static const struct {
     const char *name, *family, *addr;
 } gicEntries[] = {{"lo", "0x0()", ""},
                   {"eth0", "0x11(AF_PACKET)", ""},
+                  {"eth0", "0xA(AF_INET6)", "2080::1"},
                   {"eth0", "0xA(AF_INET6)", "fe7f::1"},
                   {"eth0", "0xA(AF_INET6)", "fec0::1"},
                   {"eth01", "0xA(AF_INET6)", "febf:ff::2"},
@@ -138,17 +139,17 @@ TEST(Xfuncs, LinkLocalLookUp)
         size_t traced;    // entries
         const char *addr; // the last one, when there is no match
         string fails = "";
-    } cases[] = {{"eth0", 6, "fe80::1"},
-                 {"eth01", 5, "febf:ff::2"},
-                 {"eth01", 5, "febf:ff::2", "inet_ntop"},
-                 {"eth", 7, "fe80::1"}};
+    } cases[] = {{"eth0", 7, "fe80::1"},
+                 {"eth01", 6, "febf:ff::2"},
+                 {"eth01", 6, "febf:ff::2", "inet_ntop"},
+                 {"eth", 8, "fe80::1"}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.iface + c.fails);
         string text;
         for (size_t i = 0; i < c.traced; ++i)
             text += string("ifa_name=") + gicEntries[i].name + ", family=" + gicEntries[i].family +
                     "\n";
-        if (c.traced < 7 && c.fails.empty())
+        if (c.traced < 8 && c.fails.empty())
             text += string("find out ") + c.iface + "'s linklocal IPv6 address: " + c.addr + "\n";
         in6_addr wanted, got;
         (void)inet_pton(AF_INET6, c.addr, &wanted);
