@@ -72,7 +72,9 @@ static pid_t giLogOwner; // the process that called log_system_init()
 
 static bool _may_rotate()
 {
+    // GCOVR_EXCL_BR_START: EPERM, when the number has become another user's
     return getpid() == giLogOwner || (kill(giLogOwner, 0) == -1 && errno == ESRCH);
+    // GCOVR_EXCL_BR_STOP
 }
 
 static int _make_log_pipe()
@@ -328,7 +330,9 @@ static void _write_owners_pipe(int aicFd, const char *aipcMsg)
     (void)sigaddset(&sigPipe, SIGPIPE);
     (void)pthread_sigmask(SIG_BLOCK, &sigPipe, &before);
     const timespec now = {};
+    // GCOVR_EXCL_BR_START: by chance, when the pipe is full
     if (write(aicFd, aipcMsg, strlen(aipcMsg)) == -1 && errno == EPIPE)
+        // GCOVR_EXCL_BR_STOP
         (void)sigtimedwait(&sigPipe, nullptr, &now); // there is none if it is ignored
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
@@ -342,11 +346,13 @@ static void _deliver(const char *aipcMsg)
     if (!_peek(&gibLogPpOpn))
         return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
+    // GCOVR_EXCL_BR_START: by chance, when the exit comes after the first look
     const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[1]) : -1;
     if (fd != -1 && _peek(&giLogPpFdAry[0]) == -1)
         _write_owners_pipe(fd, aipcMsg);
     else if (fd != -1)
         (void)!write(fd, aipcMsg, strlen(aipcMsg)); // what the pipe does not take is lost
+    // GCOVR_EXCL_BR_STOP
     (void)__atomic_sub_fetch(&giLogUsers, 1, __ATOMIC_RELEASE);
 }
 
@@ -472,7 +478,9 @@ static void _wait_for_users(int aicRxFd)
         // Adding 0 is a read-modify-write, so it is ordered after every earlier increment, and a
         // later caller finds the pipe shut.
         const int users = __atomic_add_fetch(&giLogUsers, 0, __ATOMIC_ACQ_REL);
+        // GCOVR_EXCL_BR_START: what poll() has announced can be read
         if (users == 0 || (poll(&rx, 1, 2) == 1 && _rx_log_chunk(aicRxFd) <= 0))
+            // GCOVR_EXCL_BR_STOP
             return;
         turns = users == before ? turns - 1 : 250;
         before = users;
@@ -487,7 +495,9 @@ __attribute__((cold)) static void _release_log()
     // Delivers the contents of the pipe, and no more: a forked child may still write into it.
     int left = 0;
     (void)ioctl(fd, FIONREAD, &left); // a pipe knows it; without one there is nothing
+    // GCOVR_EXCL_BR_START: the pipe holds what it has counted
     for (ssize_t len = 1; left > 0 && len > 0; left -= static_cast<int>(len))
+        // GCOVR_EXCL_BR_STOP
         len = _rx_log_chunk(fd);
 
     _poke(&giLogCfg.fileLogSwt, LOG_SWITCH_OFF); // or threads that go on logging keep the lock busy

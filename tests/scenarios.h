@@ -138,9 +138,11 @@ inline bool dog_life()
 inline bool dog_that_cannot()
 {
     static tFeddogCfg cfg = {0, 1000, "driver", "/no/such/folder/dog"};
-    self_feddog_init(&cfg);
-    await([] { return calls_count("pthread_exit") > 0; });
-    EXPECT_EQ(0, self_feddog_exit());
+    for (tFeddogCfg *pCfg : {&cfg, static_cast<tFeddogCfg *>(nullptr)}) {
+        self_feddog_init(pCfg);
+        await([] { return calls_count("pthread_exit") > 0; });
+        EXPECT_EQ(0, self_feddog_exit());
+    }
     return true;
 }
 

@@ -30,11 +30,11 @@ using std::to_string;
 using std::vector;
 
 // Ends a forked child, with what it has counted where scripts/coverage counts.
-extern "C" int __llvm_profile_write_file(void) __attribute__((weak));
+extern "C" void __gcov_dump(void) __attribute__((weak));
 [[noreturn]] inline void leave(int status)
 {
-    if (__llvm_profile_write_file != nullptr)
-        (void)__llvm_profile_write_file();
+    if (__gcov_dump != nullptr)
+        __gcov_dump();
     _exit(status);
 }
 

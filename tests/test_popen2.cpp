@@ -71,9 +71,11 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
         calls_stop();
         EXPECT_EQ(err ? "" : to_string(shell + 1) + " gets 15, blocked: 1 2 3 10", gSent);
         EXPECT_EQ(" 10", blocked());
-        FILE *other = fopen("/dev/null", "w"); // on the same descriptor: its slot is clear
-        EXPECT_EQ(-1, pclose2(other));
-        fclose(other);
+        // On the same descriptor, whose slot is clear; and on none.
+        for (FILE *other : {fopen("/dev/null", "w"), fmemopen(nullptr, 8, "w")}) {
+            EXPECT_EQ(-1, pclose2(other));
+            fclose(other);
+        }
         EXPECT_EQ(3, reap()); // the shell was left to us
     }
     EXPECT_EQ(-1, pclose2(nullptr));
