@@ -455,8 +455,14 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
             logger(0, 0, "kept\n");
             return true;
         },
+        [] {
+            log_msg(LOG_LEV_ERROR, "file", "function", 1, "kept\n");
+            return true;
+        },
         [] { return dmn_server_exit() == 0; },
         [] { return self_feddog_exit() == 0; },
+        [] { return log_system_exit() == 0; },
+        [&] { return log_system_init(&cfg) == 0; },
         [] { return log_system_exit() == 0; },
     };
     const string said = output_of([&] {
@@ -477,7 +483,7 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         dmn_serv_tx_clit_msg(program, 1);
         close(client);
     });
-    EXPECT_EQ(1U, count_of(said, "kept\n"));
+    EXPECT_EQ(2U, count_of(said, "kept\n"));
     while (wait(nullptr) > 0)
         continue;
 }
