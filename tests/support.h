@@ -134,24 +134,22 @@ inline void between_priorities(const function<void()> &call)
     atomic<int> done{0};
     if (!set_priority(pthread_self(), 90)) // the watchdog's
         GTEST_SKIP() << "real-time priorities need a privilege";
-    const auto start = [](int priority, auto body) {
-        return thread([=] {
-            cpu_set_t first;
-            CPU_ZERO(&first);
-            CPU_SET(0, &first);
-            EXPECT_EQ(0, sched_setaffinity(0, sizeof first, &first));
-            set_priority(pthread_self(), priority);
-            body();
-        });
+    const auto repeat = [&](int priority) {
+        cpu_set_t first;
+        CPU_ZERO(&first);
+        CPU_SET(0, &first);
+        EXPECT_EQ(0, sched_setaffinity(0, sizeof first, &first));
+        set_priority(pthread_self(), priority);
+        while (done < wanted) {
+            call();
+            if (priority == 80) {
+                ++done;
+                usleep(100);
+            }
+        }
     };
-    thread slow = start(10, [&] {
-        while (done < wanted)
-            call();
-    });
-    thread quick = start(80, [&] {
-        for (; done < wanted; ++done, usleep(100))
-            call();
-    });
+    thread slow(repeat, 10);
+    thread quick(repeat, 80);
     EXPECT_TRUE(wait_until([&] { return done == wanted; }, 4000)) << "call " << done << " hangs";
     set_priority(quick.native_handle(), 0); // so that both end
     quick.join();

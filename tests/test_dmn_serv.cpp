@@ -114,21 +114,6 @@ TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
     }
 }
 
-TEST(DmnServ, ReadersGetAllBesideOthersThatDoNotRead)
-{
-    tServer server;
-    const int reads = server.client();
-    const int sleeps = server.client();
-    const string message = noise(1000);
-    for (int i = 0; i < 1000; ++i) { // more than a client's socket holds
-        broadcast(to_string(1000 + i) + message);
-        ASSERT_EQ(to_string(1000 + i) + message, read_bytes(reads, 1004));
-    }
-    EXPECT_EQ("1000" + message, read_bytes(sleeps, 1004));
-    close(reads);
-    close(sleeps);
-}
-
 TEST(DmnServ, AdmissionFailures)
 {
     const struct {

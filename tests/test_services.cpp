@@ -85,8 +85,6 @@ TEST_P(Failures, EachCallFailsOnce)
         {"server", "event_new() err!!!!\nOFF"},
         {"server", "accept() err, msg=" + memory + "!!!!!!\n"},
         {"server", "malloc() err!!!!\nERR dmn_serv: xzMalloc() err!!!!\n"},
-        {"dog", "pthread_create() err, msg:" + memory + "\n"},
-        {"dog", "event_base_new() err!!!!\nOFF"},
         {"dog", "socket() err, msg:" + memory +
                     "!!!!\nERR self_dog: _unix_socket_connect() err!!!!\n"
                     "ERR self_dog: _feed_dog_init() err!!!!\n"
