@@ -284,8 +284,6 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         bool stuck;       // or until the exit has ended
     } table[] = {
         {"direct", LOG_RUN_MAIN_PROGRESS, 1000, "none", false},
-        {"direct, slow file", LOG_RUN_MAIN_PROGRESS, 20, "fwrite", false},
-        {"writer", LOG_RUN_NEW_PTHREAD, 1000, "none", false},
         {"writer, full pipe", LOG_RUN_NEW_PTHREAD, 700, "fwrite", false},
         {"writer, slow callers", LOG_RUN_NEW_PTHREAD, 20, "write", false},
         {"writer, stuck callers", LOG_RUN_NEW_PTHREAD, 20, "write", true},
@@ -345,10 +343,8 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         EXPECT_EQ("", slurp(gDir / "foreign"));
         EXPECT_TRUE(threads_settle_at(tasks));
         EXPECT_EQ(fds + (row.stuck ? 2 : 0), open_descriptors());
-        const std::regex stopped("giLogPpFdAry=\\d+ \\d+\n"
-                                 "Wait _rx_log_func_pth\\(\\) pthread stop------\n"
-                                 "_rx_log_func_pth\\(\\) pthread already stop------\n");
-        EXPECT_EQ(writer, std::regex_search(said, stopped)) << said;
+        EXPECT_EQ(writer ? 1U : 0U,
+                  count_of(said, "_rx_log_func_pth() pthread already stop------\n"));
 
         // Every line of the files, in their order.
         string text;

@@ -118,17 +118,14 @@ INSTANTIATE_TEST_SUITE_P(All, Failures,
                                          gicDog),
                          testing::PrintToStringParamName());
 
-// The host's exit call comes while the service's thread stands at each of its calls; with
-// libevent's locks, and without.
-class Stops : public testing::TestWithParam<std::tuple<tScenario, bool>>
+// The host's exit call comes while the service's thread stands at each of its calls; without
+// libevent's locks, and with them.
+class Stops : public tScenarios
 {
 };
 
 TEST_P(Stops, ExitComesAtEachCallOfTheThread)
 {
-    const auto &[scenario, locked] = GetParam();
-    if (locked)
-        evthread_use_pthreads();
     const auto host = std::this_thread::get_id();
     atomic<bool> joining{false};
     const auto counts = [&](const tCall &call) {
@@ -143,18 +140,16 @@ TEST_P(Stops, ExitComesAtEachCallOfTheThread)
         wait_until([&] { return joining.load(); });
         return 0;
     };
-    EXPECT_GT(sweep(scenario, {counts, happens, [&](const tLife &) { joining = false; }}), 10U);
+    const tSweep stop = {counts, happens, [&](const tLife &) { joining = false; }};
+    EXPECT_GT(sweep(GetParam(), stop), 10U);
+    evthread_use_pthreads();
+    EXPECT_GT(sweep(GetParam(), stop), 10U);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Stops,
-                         testing::Combine(testing::Values(gicWriterLog, gicServer,
-                                                          gicServerThatCannot, gicDog,
-                                                          gicDogThatCannot),
-                                          testing::Bool()),
-                         [](const auto &one) {
-                             return string(std::get<0>(one.param).name) +
-                                    (std::get<1>(one.param) ? "_locked" : "");
-                         });
+                         testing::Values(gicWriterLog, gicServer, gicServerThatCannot, gicDog,
+                                         gicDogThatCannot),
+                         testing::PrintToStringParamName());
 
 // A handler of the host's that logs. It is registered early, as in a host linked with the archive.
 static bool gbLogAtFork;
