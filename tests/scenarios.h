@@ -230,4 +230,6 @@ inline void normal_run(const tScenario &scenario)
     const tLife life = live(scenario, spare);
     gAwaitMs = usual;
     EXPECT_TRUE(life.worked) << "a normal run of " << scenario.name << ":\n" << life.said;
+    if (scenario.run != gicServerThatCannot.run && scenario.run != gicDogThatCannot.run)
+        EXPECT_EQ(0U, count_of(life.said, " err")) << life.said;
 }
