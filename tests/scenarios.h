@@ -124,11 +124,12 @@ inline bool dog_life()
                         await([&] { return (fd = accept(dog, nullptr, nullptr)) != -1; }) &&
                         await([&] { return recv(fd, got, sizeof got, MSG_DONTWAIT) == 11; }) &&
                         await([&] { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; });
-    calls_uncounted([&] { close(fd); });
+    calls_uncounted([&] { shutdown(fd, SHUT_WR); });
     if (worked) // it notices, and goes on beating into the void
         await([] { return calls_count("close") > 0 && calls_count("write") > 3; });
     EXPECT_EQ(0, self_feddog_exit());
     calls_uncounted([&] {
+        close(fd);
         close(dog);
         unlink(cfg.txFeddogHtDmNme);
     });

@@ -86,7 +86,7 @@ class Examples(unittest.TestCase):
 
     def test_sources_stop_while_waiting_for_input(self):
         for settings in ('path = "%s"', 'source = "serial"; path = "%s"',
-                         'source = "command"; path = "cat %s"'):
+                         'source = "command"; path = "dd bs=6 if=%s"'):
             write, read = pty.openpty()
             gnssd = self.gnssd(settings % os.ttyname(read))
             tap = self.start("tap", "-m", "frames", "gnssd.sock")
@@ -100,7 +100,7 @@ class Examples(unittest.TestCase):
                 self.ends(tap, 0)
 
     def test_a_replay_stops_at_once_and_terminates_no_bystander(self):
-        Path("data").write_bytes(GOOD * 150)
+        Path("data").write_bytes(GOOD * 70)
         bystander = self.start("tap", "-w", "600000", "none")
         # The command's own number comes from this program: another process has it by now.
         Path("sh").write_text("#!/bin/sh\necho %d\n" % bystander.pid)
@@ -109,7 +109,7 @@ class Examples(unittest.TestCase):
                            "-r", "1", env={**os.environ, "PATH": ".:/usr/bin:/bin"})
         self.until(b" sent ", gnssd)
         self.until(lambda: ") Z " in Path("shell/stat").read_text(), gnssd)
-        self.stops(gnssd, b"broadcast 150$")
+        self.stops(gnssd, b"broadcast 70$")
         self.assertIsNone(bystander.poll())
 
     def test_mistakes_are_named(self):
