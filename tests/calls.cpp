@@ -12,32 +12,28 @@
 
 static std::atomic<bool> gWatching{false};
 static thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
-static std::mutex gLk;            // guards the three below
+static std::mutex gLk;            // guards the two below
 static tCallRule gRule;
-static std::vector<std::string> gSeen;
 static std::map<std::string, unsigned> gCounts;
+
+static int _decide(const char *name)
+{
+    std::unique_lock<std::mutex> hold(gLk);
+    const tCall call = {name, ++gCounts[name]};
+    const tCallRule rule = gRule;
+    hold.unlock();
+    return rule ? rule(call) : 0;
+}
 
 static int _enter(const char *name)
 {
     if (gInside || !gWatching.load(std::memory_order_relaxed))
         return 0;
-    int errNow = errno;
+    const int errNow = errno;
     gInside = true;
     int was; // where a cancel may take effect is the library's choice, not that of a rule
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
-    int err = 0;
-    {
-        tCall call{name, 0, 0};
-        tCallRule rule;
-        {
-            std::lock_guard<std::mutex> hold(gLk);
-            gSeen.emplace_back(name);
-            call.index = static_cast<unsigned>(gSeen.size());
-            call.nth = ++gCounts[name];
-            rule = gRule;
-        }
-        err = rule ? rule(call) : 0;
-    }
+    const int err = _decide(name);
     pthread_setcancelstate(was, nullptr);
     gInside = false;
     errno = errNow;
@@ -48,7 +44,6 @@ void calls_watch(tCallRule rule)
 {
     std::lock_guard<std::mutex> hold(gLk);
     gRule = std::move(rule);
-    gSeen.clear();
     gCounts.clear();
     gWatching = true;
 }
@@ -73,17 +68,10 @@ tCallRule calls_fail(std::string name, unsigned nth, int err)
     };
 }
 
-std::vector<std::string> calls_seen()
-{
-    std::lock_guard<std::mutex> hold(gLk);
-    return gSeen;
-}
-
 unsigned calls_count(const std::string &name)
 {
     std::lock_guard<std::mutex> hold(gLk);
-    auto at = gCounts.find(name);
-    return at == gCounts.end() ? 0 : at->second;
+    return gCounts[name];
 }
 
 // What the library calls instead where its time and files have 64 bits and a word has not.

@@ -7,12 +7,10 @@
 #pragma once
 #include <functional>
 #include <string>
-#include <vector>
 
 struct tCall {
-    const char *name; // the function
-    unsigned index;   // from 1: its place among all the calls seen since calls_watch()
-    unsigned nth;     // from 1: its place among the calls of this name
+    std::string name; // the function
+    unsigned nth;     // from 1: its place among the calls of this name since calls_watch()
 };
 
 // Decides a call: 0 lets it through, anything else fails it with that error number. It runs on the
@@ -23,10 +21,9 @@ using tCallRule = std::function<int(const tCall &)>;
 void calls_watch(tCallRule rule = nullptr);
 // What `body` calls on this thread is the test's own and not counted.
 void calls_uncounted(const std::function<void()> &body);
-// Stops counting; what was seen stays readable.
+// Stops counting; the counts stay readable.
 void calls_stop();
 // Fails the nth call of `name` (0: each one) with `err`.
 tCallRule calls_fail(std::string name, unsigned nth, int err);
-// What was seen, in order; and how often one name was.
-std::vector<std::string> calls_seen();
+// How often a function was called.
 unsigned calls_count(const std::string &name);

@@ -22,16 +22,10 @@ differ exports "$(sort <<<"$exported")" \
 open=$(nm -D --undefined-only "$library" | awk '$1 == "U" { print $2 }' | grep -v @ | sort -u)
 differ "left to the host" "gLogLevl" "$(echo "$open" | grep -vE '^(event|config)_')"
 
-needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
-extra=$(echo "$needed" | grep -vE '^(libc\.so\.6|libgcc_s\.so\.1|ld-linux-armhf\.so\.3)$' || true)
-differ "needed libraries" "" "$extra"
-
-soname=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-differ soname "libkelvara.so.1" "$soname"
-[[ $(readlink "$(dirname "$library")/libkelvara.so") == libkelvara.so.1 ]] || {
-  echo "libkelvara.so is not the link to it"
-  fail=1
-}
+differ "soname, and needed libraries" "libkelvara.so.1" \
+  "$(readelf -d "$library" | sed -n 's/.*(\(NEEDED\|SONAME\)).*\[\(.*\)\]/\2/p' \
+    | grep -vxE 'libc\.so\.6|libgcc_s\.so\.1|ld-linux-armhf\.so\.3')"
+differ "link to it" libkelvara.so.1 "$(readlink "$(dirname "$library")/libkelvara.so")"
 
 differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
   "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \

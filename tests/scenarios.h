@@ -9,12 +9,8 @@
 #include "calls.h"
 #include "support.h"
 
-#include <atomic>
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 
-inline tTempDir gDir;
 inline atomic<bool> gStopping{false}; // the scenario is to go straight to its exit call
 inline int gAwaitMs = 50;
 
@@ -88,7 +84,7 @@ inline bool server_life()
     }
     EXPECT_EQ(0, dmn_server_exit());
     calls_uncounted([&] {
-        EXPECT_EQ(std::string::npos, read_bytes(stays, 9999).find('C')) << "a child's broadcast";
+        EXPECT_EQ(string::npos, read_bytes(stays, 9999).find('C')) << "a child's broadcast";
         close(stays);
         close(leaves);
         unlink(cfg.dmNme);
@@ -201,8 +197,9 @@ struct tRest { // nothing more than this may be there
 // second of its own, or the calls that it makes would depend on the clock.
 inline int spare(const tCall &call)
 {
-    const string name = call.name;
-    return name == "kill" ? ESRCH : name == "gettimeofday" ? EINVAL : 0;
+    if (call.name == "kill")
+        return ESRCH;
+    return call.name == "gettimeofday" ? EINVAL : 0;
 }
 
 // What a life printed, and whether all of it worked.

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 // What the test programs share: a folder of their own, captured output, waiting, counting.
 #pragma once
+#include <common/self_log.h>
+
 #include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <dirent.h>
+#include <event2/event.h>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <iterator>
-#include <libconfig.h>
-#include <pthread.h>
+#include <poll.h>
 #include <random>
 #include <sched.h>
 #include <string>
@@ -28,6 +30,9 @@ using std::string;
 using std::thread;
 using std::to_string;
 using std::vector;
+using testing::Message;
+
+eLogLevl gLogLevl = LOG_LEV_ERROR; // the host defines it: each test program is one source
 
 // Ends a forked child, with what it has counted where scripts/coverage counts.
 extern "C" void __gcov_dump(void) __attribute__((weak));
@@ -55,6 +60,7 @@ struct tTempDir {
         return path + "/" + name;
     }
 };
+inline tTempDir gDir;
 
 inline string slurp(const string &path)
 {
@@ -102,20 +108,20 @@ inline void in_threads(int count, const function<void(int)> &body)
 
 inline void nap(int ms)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    poll(nullptr, 0, ms);
 }
 
-inline long ms_since(std::chrono::steady_clock::time_point start)
+inline int64_t now_ms()
 {
-    const std::chrono::duration<double, std::milli> passed =
-        std::chrono::steady_clock::now() - start;
-    return static_cast<long>(passed.count());
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 inline bool wait_until(const function<bool()> &done, int ms = 10000)
 {
-    for (const auto start = std::chrono::steady_clock::now(); !done(); nap(1))
-        if (ms_since(start) > ms)
+    for (const int64_t end = now_ms() + ms; !done(); nap(1))
+        if (now_ms() > end)
             return false;
     return true;
 }
@@ -164,7 +170,7 @@ inline string tagged(const string &said)
     string out;
     for (size_t at = 0, end = 0; at < said.size(); at = end + 2) {
         end = said.find("] ", at);
-        if (end == std::string::npos)
+        if (end == string::npos)
             return out + said.substr(at);
         const size_t from = said.rfind('[', end), name = said.rfind(' ', end - 6) + 1;
         out += said.substr(at, from - at) + said.substr(from + 1, 3) + " " +
@@ -176,7 +182,7 @@ inline string tagged(const string &said)
 inline size_t count_of(const string &text, const string &part)
 {
     size_t found = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    for (size_t at = text.find(part); at != string::npos; at = text.find(part, at + 1))
         ++found;
     return found;
 }
@@ -215,6 +221,22 @@ inline sockaddr_un unix_name(const string &path)
     path.copy(addr.sun_path, sizeof addr.sun_path - 1);
     return addr;
 }
+
+// A host's own loop, which takes a turn when it is told to, and is left as it was.
+struct tLoop {
+    event_base *base = event_base_new();
+    size_t fds = open_descriptors();
+    string turn() const
+    {
+        return tagged(output_of([this] { event_base_loop(base, EVLOOP_ONCE); }));
+    }
+    ~tLoop()
+    {
+        EXPECT_EQ(fds, open_descriptors());
+        EXPECT_EQ(0, event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED));
+        event_base_free(base);
+    }
+};
 
 // A connected client, or -1.
 inline int unix_connect(const string &path)

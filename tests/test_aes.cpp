@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <common/aes.h>
-#include <common/self_log.h>
 
 #include "support.h"
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 using tBytes = std::basic_string<uint8_t>;
 
@@ -83,7 +80,7 @@ TEST(Aes, AnySequenceOfChains)
         (void)block(AES128_ECB_decrypt, newKey ? last : key, last); // any call's key is kept
         (encrypts ? AES128_CBC_encrypt_buffer : AES128_CBC_decrypt_buffer)(
             out, in, len, newKey ? key.data() : nullptr, newIv ? iv : nullptr);
-        SCOPED_TRACE(testing::Message() << "call " << call << ", " << len << " bytes");
+        SCOPED_TRACE(Message() << "call " << call << ", " << len << " bytes");
         ASSERT_EQ(wanted, tBytes(out, wanted.size()));
         const size_t whole = len / 16 * 16;
         if (out != in) {

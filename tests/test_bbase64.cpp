@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <common/bbase64.h>
-#include <common/self_log.h>
 
 #include "support.h"
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 using tResult = std::pair<int, string>;
 

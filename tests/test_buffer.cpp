@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <common/buffer.h>
-#include <common/self_log.h>
 
 #include "calls.h"
 #include "support.h"
 
 #include <climits>
 #include <endian.h>
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 static string big_endian(uint64_t value, size_t bytes)
 {
@@ -87,7 +84,7 @@ TEST(Buffer, Limits)
     const int sizes[][3] = {{63, 64, 64},         {64, INT_MIN, 128},     {-1, 0, 0},
                             {INT_MAX - 63, 0, 0}, {0, INT_MAX - 511, 64}, {0, 512, 1024}};
     for (const auto &[init, expand, size] : sizes) {
-        SCOPED_TRACE(testing::Message() << "buffer_init " << init << ", buffer_expand " << expand);
+        SCOPED_TRACE(Message() << "buffer_init " << init << ", buffer_expand " << expand);
         buffer_t *b = buffer_init(init);
         buffer_expand(b, expand);
         EXPECT_EQ(size, b != nullptr ? b->size : 0);
@@ -126,7 +123,7 @@ TEST(Buffer, Limits)
     EXPECT_EQ(text + 10, buffer_calloc(&some, 5));
     EXPECT_EQ(string("0123456789\0\0\0\0\0x", 16), string(text, 16));
     EXPECT_EQ(15, some.used);
-    EXPECT_TRUE(calls_seen().empty());
+    EXPECT_EQ(0U, calls_count("realloc") + calls_count("ioctl"));
 }
 
 TEST(Buffer, ReadBuffer)
@@ -153,8 +150,8 @@ TEST(Buffer, ReadBuffer)
     const int fd = fileno(tmpfile());
     EXPECT_EQ(length, write(fd, bytes.data(), length));
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.fails << c.err << ", " << c.used << " bytes held, "
-                                        << c.waiting << " waiting");
+        SCOPED_TRACE(Message() << c.fails << c.err << ", " << c.used << " bytes held, " << c.waiting
+                               << " waiting");
         lseek(fd, length - c.waiting, SEEK_SET);
         buffer_t *b = buffer_init(0);
         b->used = c.used;

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <common/dmn_serv.h>
 #include <common/self_dog.h>
-#include <common/self_log.h>
 
 #include "support.h"
 
-eLogLevl gLogLevl = LOG_LEV_ERROR;
-
-using testing::Message;
+#include <libconfig.h>
 
 // Each loader on a preset record: its result, and what the record holds then.
 static Message log_loaded(const config_t *cfg)

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <common/md5.h>
-#include <common/self_log.h>
 #include <common/sha256.h>
 
 #include "support.h"
 
 #include <endian.h>
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 template <typename tCtx> struct tDigest {
     size_t len;

@@ -1,18 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <common/dmn_serv.h>
-#include <common/self_log.h>
 
 #include "calls.h"
 #include "support.h"
 
-#include <cerrno>
-#include <csignal>
-#include <event2/event.h>
-#include <fcntl.h>
-
-eLogLevl gLogLevl = LOG_LEV_OFF; // the notices of a client's end pass every threshold
-
-static tTempDir gDir;
 static const string gPath = gDir / "s";
 
 static int broadcast(string text)
@@ -20,20 +11,13 @@ static int broadcast(string text)
     return dmn_serv_tx_clit_msg(&text[0], static_cast<int>(text.size()));
 }
 
-// A server on a host's own loop, which takes a turn when it is told to.
-struct tServer {
-    event_base *base = event_base_new();
-    size_t fds = open_descriptors();
+struct tServer : tLoop {
     tDmnServCfg cfg = {};
 
     tServer()
     {
         gPath.copy(cfg.dmNme, sizeof cfg.dmNme - 1);
         EXPECT_EQ(0, _dmn_server_init(base, &cfg));
-    }
-    string turn() const
-    {
-        return tagged(output_of([this] { event_base_loop(base, EVLOOP_ONCE); }));
     }
     int client() const
     {
@@ -46,9 +30,6 @@ struct tServer {
         EXPECT_EQ("", output_of([] { EXPECT_EQ(0, dmn_server_exit() + dmn_server_exit()); }));
         EXPECT_EQ(-1, unix_connect(gPath));
         EXPECT_EQ(ECONNREFUSED, errno); // the file stays
-        EXPECT_EQ(fds, open_descriptors());
-        EXPECT_EQ(0, event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED));
-        event_base_free(base); // is the host's
     }
 };
 
@@ -65,7 +46,7 @@ TEST(DmnServ, BroadcastsToAllOldestFirst)
         calls_watch([&](const tCall &call) {
             char byte;
             for (const int fd : clients)
-                if (call.name == string("write"))
+                if (call.name == "write")
                     got += recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1 ? "+" : "-";
             return 0;
         });
@@ -96,7 +77,7 @@ TEST(DmnServ, LeavingClientsAreNoticedAndHarmNobody)
         close(leaves);
         thread sender; // while the server closes the connection
         calls_watch([&](const tCall &call) {
-            if (call.name == string("close")) {
+            if (call.name == "close") {
                 sender = thread([] { broadcast("x"); });
                 EXPECT_TRUE(wait_until([] { return calls_count("write") > 0; }))
                     << "a sender waits for more than the list";
@@ -128,10 +109,10 @@ TEST(DmnServ, AdmissionFailures)
         tServer server;
         const int fd = unix_connect(gPath);
         calls_watch(calls_fail(row.call, 0, EMFILE));
-        const auto start = std::chrono::steady_clock::now();
+        const auto start = now_ms();
         server.turn();
         calls_stop();
-        EXPECT_EQ(row.later, ms_since(start) >= 20) << "a pause, or the next try fills the log";
+        EXPECT_EQ(row.later, now_ms() - start >= 20) << "a pause, or the next try fills the log";
         if (row.later)
             server.turn();
         broadcast("!");

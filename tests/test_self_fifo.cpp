@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <common/self_fifo.h>
-#include <common/self_log.h>
 
 #include "calls.h"
 #include "support.h"
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 // Random batches against a string. The slots, and what is handed in or out, end at a wall.
 TEST(Fifo, RandomBatches)
@@ -26,7 +23,7 @@ TEST(Fifo, RandomBatches)
             string after = noise(count * size, i);
             char *vals = outside - after.size();
             after.copy(vals, after.size());
-            SCOPED_TRACE(testing::Message()
+            SCOPED_TRACE(Message()
                          << (adds ? "fifo_add " : "fifo_get ") << count << " of " << depth);
             ASSERT_EQ(bytes / size,
                       (adds ? fifo_add : fifo_get)(&fifo, vals, static_cast<uint32_t>(count)));
@@ -70,7 +67,7 @@ TEST(Fifo, TestAndUpdateAreOneStep)
     // A reader keeps them waiting.
     pthread_rwlock_rdlock(&fifo.fifoRwLk);
     calls_watch([&](const tCall &call) {
-        return call.name == string("nanosleep") ? pthread_rwlock_unlock(&fifo.fifoRwLk) : 0;
+        return call.name == "nanosleep" ? pthread_rwlock_unlock(&fifo.fifoRwLk) : 0;
     });
     fifo_clear(&fifo);
     calls_stop();

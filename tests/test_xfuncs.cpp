@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <common/self_log.h>
 #include <common/xfuncs.h>
 
 #include "calls.h"
@@ -10,8 +9,6 @@
 #include <ifaddrs.h>
 #include <set>
 #include <sys/resource.h>
-
-eLogLevl gLogLevl = LOG_LEV_ERROR;
 
 static const struct {
     const char *name, *family, *addr;
@@ -84,9 +81,9 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
         {HOLDS(lookUp(nullptr, "lo") == -1), "", null},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.name << " while " << c.fails << " fails");
+        SCOPED_TRACE(Message() << c.name << " while " << c.fails << " fails");
         calls_watch([&](const tCall &call) {
-            return c.fails.find(call.name) != std::string::npos ? ENOMEM : 0;
+            return c.fails.find(call.name) != string::npos ? ENOMEM : 0;
         });
         const string said = tagged(output_of([&] { EXPECT_TRUE(c.holds()); }));
         EXPECT_EQ(c.log.empty() ? "" : "ERR xfuncs: " + c.log + "\n", said);
