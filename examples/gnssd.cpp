@@ -202,9 +202,11 @@ static void _take_sentences(buffer_t *aipBuf, const bool aibLast)
 {
     int pos = 0;
     tNmeaItem item;
-    while (pos += nmea_next(aipBuf->ptr + pos, aipBuf->used - pos, aibLast, &item),
-           item.kind != NMEA_MORE)
-        _pass_on(&item);
+    do {
+        pos += nmea_next(aipBuf->ptr + pos, aipBuf->used - pos, aibLast, &item);
+        if (item.kind != NMEA_MORE)
+            _pass_on(&item);
+    } while (item.kind != NMEA_MORE);
     buffer_shift(aipBuf, pos);
 }
 

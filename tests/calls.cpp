@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <mutex>
 #include <pthread.h>

@@ -146,19 +146,19 @@ inline bool dog_that_cannot()
 // What is opened gets the console's numbers, and has to move away from them.
 template <bool (*tLife)()> bool closed_console()
 {
-    int saved[2] = {};
+    int in = -1, err = -1;
     calls_uncounted([&] {
-        for (const int fd : {0, 2}) {
-            saved[fd / 2] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-            close(fd);
-        }
+        in = fcntl(0, F_DUPFD_CLOEXEC, 3);
+        err = fcntl(2, F_DUPFD_CLOEXEC, 3);
+        close(0);
+        close(2);
     });
     const bool worked = tLife();
     calls_uncounted([&] {
-        for (const int fd : {0, 2}) {
-            dup2(saved[fd / 2], fd);
-            close(saved[fd / 2]);
-        }
+        dup2(in, 0);
+        dup2(err, 2);
+        close(in);
+        close(err);
     });
     return worked;
 }
@@ -183,15 +183,6 @@ inline void PrintTo(const tScenario &scenario, std::ostream *out)
 }
 
 // --- what holds after each ----------------------------------------------------------------------
-
-struct tRest { // nothing more than this may be there
-    size_t threads = threads_at_rest(), fds = open_descriptors();
-    void check() const
-    {
-        EXPECT_TRUE(threads_settle_at(threads));
-        EXPECT_EQ(fds, open_descriptors());
-    }
-};
 
 // pclose2() signals whatever process comes after the shell; not here. And each log line has a
 // second of its own, or the calls that it makes would depend on the clock.

@@ -7,15 +7,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
 #include <event2/event.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <random>
-#include <sched.h>
+#include <regex>
 #include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -53,7 +53,7 @@ struct tTempDir {
     }
     ~tTempDir()
     {
-        (void)!system(("rm -rf " + path).c_str());
+        std::filesystem::remove_all(path);
     }
     string operator/(const string &name) const
     {
@@ -90,9 +90,9 @@ inline string noise(size_t len, unsigned seed = 1)
 // The end of a page of storage: one byte further is a crash.
 inline char *wall()
 {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    constexpr size_t page = 65536; // or several smaller ones
     void *at = mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_EQ(mprotect(at, page, PROT_READ | PROT_WRITE), 0);
+    EXPECT_EQ(0, mprotect(at, page, PROT_READ | PROT_WRITE));
     return static_cast<char *>(at) + page;
 }
 
@@ -167,16 +167,7 @@ inline void between_priorities(const function<void()> &call)
 // `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".
 inline string tagged(const string &said)
 {
-    string out;
-    for (size_t at = 0, end = 0; at < said.size(); at = end + 2) {
-        end = said.find("] ", at);
-        if (end == string::npos)
-            return out + said.substr(at);
-        const size_t from = said.rfind('[', end), name = said.rfind(' ', end - 6) + 1;
-        out += said.substr(at, from - at) + said.substr(from + 1, 3) + " " +
-               said.substr(name, end - 5 - name) + ": ";
-    }
-    return out;
+    return std::regex_replace(said, std::regex(R"(\[(...):\S+ +(\S+) \d+\] )"), "$1 $2: ");
 }
 
 inline size_t count_of(const string &text, const string &part)
@@ -189,13 +180,8 @@ inline size_t count_of(const string &text, const string &part)
 
 inline size_t entries_of(const char *folder)
 {
-    size_t found = 0;
-    if (DIR *dir = opendir(folder)) {
-        while (readdir(dir) != nullptr)
-            ++found;
-        closedir(dir);
-    }
-    return found;
+    const std::filesystem::directory_iterator first(folder);
+    return static_cast<size_t>(std::distance(first, {}));
 }
 inline size_t open_descriptors()
 {
@@ -208,11 +194,17 @@ inline size_t threads_at_rest()
     nap(20);
     return entries_of("/proc/self/task");
 }
-// A joined thread leaves the list a moment after the join.
-inline bool threads_settle_at(size_t wanted)
-{
-    return wait_until([=] { return entries_of("/proc/self/task") == wanted; });
-}
+
+struct tRest { // nothing more than this may be there
+    size_t threads = threads_at_rest();
+    size_t fds = open_descriptors();
+    void check(size_t more = 0) const // descriptors
+    {
+        // A joined thread leaves the list a moment after the join.
+        EXPECT_TRUE(wait_until([this] { return entries_of("/proc/self/task") == threads; }));
+        EXPECT_EQ(fds + more, open_descriptors());
+    }
+};
 
 inline sockaddr_un unix_name(const string &path)
 {

@@ -34,11 +34,10 @@ TEST(Base64, DecodedCases)
         {"TWFu!!!!", 5, {3, "Man"}}};
     for (const auto &[text, room, wanted] : cases)
         EXPECT_EQ(wanted, run(bbase64_decode, text, room)) << text << " into " << room;
-    const string set = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     for (int i = 0; i < 256; ++i) {
         const string text = string("/") + static_cast<char>(i) + "//";
-        const int wanted = set.find(text[1]) != string::npos ? 3 : -1;
-        EXPECT_EQ(wanted, run(bbase64_decode, text, 3).first) << text;
+        const bool known = isalnum(i) || i == '+' || i == '/';
+        EXPECT_EQ(known ? 3 : -1, run(bbase64_decode, text, 3).first) << text;
     }
 }
 

@@ -14,7 +14,7 @@ template <typename tCtx> struct tDigest {
     void (*init)(tCtx *);
     void (*bytes)(const void *, size_t, tCtx *);
     void *(*finish)(tCtx *, void *);
-    tCtx ctx;
+    tCtx ctx = {};
 };
 
 // Runs a test on each of the three.
@@ -24,30 +24,18 @@ template <typename tTest> static void each(tTest body)
         SCOPED_TRACE(digest.len);
         body(digest);
     };
-    test(tDigest<md5_ctx>{16,
-                          "f15455c22a92c53fbd2d3b746318f3d8",
-                          md5_buffer,
-                          md5_stream,
-                          md5_init_ctx,
-                          md5_process_bytes,
-                          md5_finish_ctx,
-                          {}});
-    test(tDigest<sha256_ctx>{28,
-                             "fbbed95aabe092b8f772ba9e7db9c85946d2036588ab2b5f1c425a35",
-                             sha224_buffer,
-                             sha224_stream,
-                             sha224_init_ctx,
-                             sha256_process_bytes,
-                             sha224_finish_ctx,
-                             {}});
-    test(tDigest<sha256_ctx>{32,
-                             "d3a94d826e0076ef1bfb6b78fab6921e233a634fa874bb367f67d3eaecccf546",
-                             sha256_buffer,
-                             sha256_stream,
-                             sha256_init_ctx,
-                             sha256_process_bytes,
-                             sha256_finish_ctx,
-                             {}});
+#define DIGEST(len, ofAll, name, core)                                                             \
+    tDigest<core##_ctx>{len,                                                                       \
+                        ofAll,                                                                     \
+                        name##_buffer,                                                             \
+                        name##_stream,                                                             \
+                        name##_init_ctx,                                                           \
+                        core##_process_bytes,                                                      \
+                        name##_finish_ctx}
+    test(DIGEST(16, "f15455c22a92c53fbd2d3b746318f3d8", md5, md5));
+    test(DIGEST(28, "fbbed95aabe092b8f772ba9e7db9c85946d2036588ab2b5f1c425a35", sha224, sha256));
+    test(DIGEST(32, "d3a94d826e0076ef1bfb6b78fab6921e233a634fa874bb367f67d3eaecccf546", sha256,
+                sha256));
 }
 
 // What `write` leaves at the odd address that it gets and gives back, in hexadecimal: `len` bytes,

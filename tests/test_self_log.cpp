@@ -4,7 +4,6 @@
 #include "support.h"
 
 #include <climits>
-#include <regex>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -13,10 +12,8 @@ static const eLogLevl gicDbLev = LOG_LEV_INFO;
 
 [[maybe_unused]] static const int gicZone = setenv("TZ", "XYZ-5:30", 1); // before the first line
 
-static tLogCfg to_console(eLogRunMod mode)
-{
-    return {mode, LOG_FILE_TWO, 0, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
-}
+static const tLogCfg gicToConsole = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO,   0,
+                                     LOG_SWITCH_ON,       LOG_SWITCH_OFF, ""};
 static tLogCfg to_file(const string &path, uint32_t max, eLogRunMod mode = LOG_RUN_MAIN_PROGRESS)
 {
     tLogCfg cfg = {mode, LOG_FILE_TWO, max, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
@@ -259,7 +256,7 @@ TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
 {
     const auto start = now_ms();
     for (int i = 0; i < 50; ++i)
-        logged(to_console(LOG_RUN_NEW_PTHREAD), [] { nap(1); });
+        logged(gicToConsole, [] { nap(1); });
     EXPECT_LT(now_ms() - start, 2500); // half of what 50 turns take
 }
 
@@ -284,8 +281,7 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         SCOPED_TRACE(row.name);
         const string path = gDir / ("go" + to_string(&row - table));
         const bool writer = row.mode == LOG_RUN_NEW_PTHREAD;
-        const size_t tasks = threads_at_rest();
-        const size_t fds = open_descriptors();
+        const tRest rest;
         atomic<bool> leaving{false};
         atomic<bool> stands{false};
         atomic<bool> left{false};
@@ -333,8 +329,7 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         });
         calls_stop();
         EXPECT_EQ("", slurp(gDir / "foreign"));
-        EXPECT_TRUE(threads_settle_at(tasks));
-        EXPECT_EQ(fds + (row.stuck ? 2 : 0), open_descriptors());
+        rest.check(row.stuck ? 2 : 0);
         EXPECT_EQ(writer ? 1U : 0U,
                   count_of(said, "_rx_log_func_pth() pthread already stop------\n"));
 
@@ -346,12 +341,13 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         std::istringstream lines(text);
         int next[4] = {};
         size_t count = 0;
-        string thread;
-        for (string number, last; lines >> thread >> number >> last; ++count) {
-            int &wanted = next[std::stoul(thread) % 4];
-            ASSERT_EQ(to_string(wanted) + " end", number + " " + last);
-            ++wanted;
+        size_t thread;
+        string last;
+        for (int number; lines >> thread >> number >> last; ++count) {
+            ASSERT_EQ(next[thread % 4], number) << "of thread " << thread;
+            ++next[thread % 4];
         }
+        EXPECT_TRUE(lines.eof()) << "torn";
         EXPECT_TRUE(row.stuck || writes() == count) << writes() << " and " << count;
     }
 }
@@ -366,11 +362,10 @@ TEST(LogWriter, HighDescriptors)
     const string said = output_of([] {
         for (int fd = 0; fd != -1 && fd < FD_SETSIZE - 1;)
             fd = dup(2);
-        const size_t fds = open_descriptors();
-        const tLogCfg cfg = to_console(LOG_RUN_NEW_PTHREAD);
-        EXPECT_EQ(-3, log_system_init(&cfg));
+        const tRest rest;
+        EXPECT_EQ(-3, log_system_init(&gicToConsole));
         EXPECT_EQ(0, log_system_exit());
-        EXPECT_EQ(fds, open_descriptors());
+        rest.check();
     });
     EXPECT_EQ(1U, count_of(said, "pipe() err, msg:Too many open files!!!!\n")) << said;
 }
@@ -379,10 +374,9 @@ TEST(LogWriter, HighDescriptors)
 TEST(LogWriter, PausesWhenSelectFails)
 {
     output_of([] {
-        const tLogCfg cfg = to_console(LOG_RUN_NEW_PTHREAD);
         const int lowest = dup(0); // which the pipe gets
         close(lowest);
-        EXPECT_EQ(0, log_system_init(&cfg));
+        EXPECT_EQ(0, log_system_init(&gicToConsole));
         close(lowest);
         calls_watch();
         nap(300);

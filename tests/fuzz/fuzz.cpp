@@ -51,10 +51,12 @@ static std::string _sentences(std::string data, const std::string &cuts)
 {
     std::string found;
     buffer_t *b = buffer_init(0);
-    for (size_t k = 0, at = 0, len = 0; k <= cuts.size(); k++, at += len) {
+    size_t at = 0;
+    for (size_t k = 0; k <= cuts.size(); ++k) {
         const size_t want = k < cuts.size() ? static_cast<unsigned char>(cuts[k]) : data.size();
-        len = std::min(data.size() - at, want);
+        const size_t len = std::min(data.size() - at, want);
         write_bytes(b, &data[at], len);
+        at += len;
         tNmeaItem item = {NMEA_BAD, nullptr, 0, nullptr};
         for (int pos = 0; item.kind != NMEA_MORE; buffer_shift(b, pos)) {
             pos = nmea_next(b->ptr, b->used, k == cuts.size(), &item);
