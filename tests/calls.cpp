@@ -10,7 +10,7 @@
 #include <sys/time.h>
 
 static std::atomic<bool> gWatching{false};
-static thread_local bool gInside; // the bookkeeping below allocates, and must not count itself
+static thread_local bool gInside; // the bookkeeping allocates; its calls are not counted
 static std::mutex gLk;            // guards the two below
 static tCallRule gRule;
 static std::map<std::string, unsigned> gCounts;
@@ -30,7 +30,7 @@ static int _enter(const char *name)
         return 0;
     const int errNow = errno;
     gInside = true;
-    int was; // where a cancel may take effect is the library's choice, not that of a rule
+    int was; // a rule must not add cancellation points to the library
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &was);
     const int err = _decide(name);
     pthread_setcancelstate(was, nullptr);
@@ -73,7 +73,7 @@ unsigned calls_count(const std::string &name)
     return gCounts[name];
 }
 
-// What the library calls instead where its time and files have 64 bits and a word has not.
+// The names that the library calls where time and file offsets have 64 bits and a word has 32.
 #ifdef __USE_TIME_BITS64
 #define fcntl        __fcntl_time64
 #define fopen        fopen64
@@ -88,8 +88,8 @@ unsigned calls_count(const std::string &name)
 #define time         __time64
 #endif
 
-// Every argument of these functions is a number or a pointer of at most a word, and so is the
-// result but for a time: one signature serves all of them.
+// Every argument and result of these functions fits into a word, except a time. So one signature
+// serves all of them.
 using tWord = intptr_t;
 #define WRAP_AS(type, name, said, fails, failed)                                                   \
     extern "C" type __real_##name(tWord, tWord, tWord, tWord, tWord);                              \
@@ -106,10 +106,10 @@ using tWord = intptr_t;
 // A failing call sets errno and gives `failed`.
 #define WRAP(name, failed)    WRAP_AS(tWord, name, #name, err != 0, failed)
 #define WRAPTIME(name, shown) WRAP_AS(time_t, name, #name, err != 0, shown)
-// One that cannot fail is only counted and, by its rule, held.
+// A call that cannot fail is counted; its rule may delay it.
 #define WATCH(name) WRAP_AS(tWord, name, #name, false, 0)
 
-// A clock does not fail: it shows the first second of 2040, the next time the next one.
+// A failing clock shows the first second of 2040, and one second more at each call.
 static int _set_clock(tWord aiNow)
 {
     *reinterpret_cast<timeval *>(aiNow) = {2208988799 + calls_count("gettimeofday"), 70942};

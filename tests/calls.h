@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Counting, failing and holding the calls that the library makes.
+// Counts, fails and delays the calls that the library makes.
 //
-// A test that includes this header is linked against the library's own objects with the names that
-// calls.cpp wraps redirected there. Nothing is counted until calls_watch(); outside that the calls
-// go straight through.
+// A test that includes this header is linked with the library's objects, whose calls of the names
+// that calls.cpp wraps go to the wrappers. Calls are counted between calls_watch() and
+// calls_stop(); otherwise the wrappers only pass them on.
 #pragma once
 #include <functional>
 #include <string>
@@ -13,13 +13,13 @@ struct tCall {
     unsigned nth;     // from 1: its place among the calls of this name since calls_watch()
 };
 
-// Decides a call: 0 lets it through, anything else fails it with that error number. It runs on the
-// calling thread with no lock held, so it may block there, or make calls of its own (not counted).
+// Decides on a call: 0 passes it on, any other value fails it with that error number. The rule runs
+// on the calling thread with no lock held, so it may block. Its own calls are not counted.
 using tCallRule = std::function<int(const tCall &)>;
 
-// Starts counting from zero under `rule` (none: only count). Calls of every thread are seen.
+// Starts counting from zero, for all threads. Without a rule calls are only counted.
 void calls_watch(tCallRule rule = nullptr);
-// What `body` calls on this thread is the test's own and not counted.
+// Runs `body` without counting the calls of this thread.
 void calls_uncounted(const std::function<void()> &body);
 // Stops counting; the counts stay readable.
 void calls_stop();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Scenarios: whole lives of the services, to be repeated while a call fails, while the host stops
-// them at a call, or while a child is forked; and what must hold after each.
+// Scenarios: each starts, uses and stops a service. The sweeps repeat them with a failing call, a
+// stop or a fork. Also the checks after each run.
 #pragma once
 #include <common/dmn_serv.h>
 #include <common/self_dog.h>
@@ -11,10 +11,10 @@
 
 #include <cstring>
 
-inline atomic<bool> gStopping{false}; // the scenario is to go straight to its exit call
+inline atomic<bool> gStopping{false}; // the scenario must go to its exit call at once
 inline int gAwaitMs = 50;
 
-// Waits for something of the service's, unless the stop comes or a failure has made it vain.
+// Waits until `done`, a stop, or the time limit: after a failure it may never be done.
 inline bool await(const function<bool()> &done)
 {
     bool met = false;
@@ -27,7 +27,7 @@ template <size_t tBytes> void set_path(char (&field)[tBytes], const string &name
     snprintf(field, tBytes, "%s/%s", gDir.path.c_str(), name.c_str());
 }
 
-// --- scenarios: each tells whether all of it worked -------------------------------------------
+// --- scenarios: each returns whether all of it worked -------------------------------------------
 
 template <eLogRunMod tMode> bool log_life()
 {
@@ -61,8 +61,8 @@ inline bool server_life()
     EXPECT_TRUE(ret == 0 || ret == -11) << ret;
     int stays = -1;
     int leaves = -1;
-    // Whether a byte that is broadcast arrives; what came before goes, as a child may have held the
-    // server up for long.
+    // Whether a broadcast byte arrives. Earlier bytes are discarded: there may be many if a child
+    // has delayed the server.
     const auto arrives = [&](int *fd, char byte) {
         return await([&] {
             char got[999];
@@ -92,7 +92,7 @@ inline bool server_life()
     return worked;
 }
 
-// Ends on its own: there is nothing to bind to, or no configuration at all.
+// The thread ends by itself: it cannot bind, or has no configuration.
 inline bool server_that_cannot()
 {
     static tDmnServCfg cfg = {"/no/such/folder/serv"};
@@ -121,7 +121,7 @@ inline bool dog_life()
                         await([&] { return recv(fd, got, sizeof got, MSG_DONTWAIT) == 11; }) &&
                         await([&] { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; });
     calls_uncounted([&] { shutdown(fd, SHUT_WR); });
-    if (worked) // it notices, and goes on beating into the void
+    if (worked) // the client closes, and heartbeats continue without effect
         await([] { return calls_count("close") > 0 && calls_count("write") > 3; });
     EXPECT_EQ(0, self_feddog_exit());
     calls_uncounted([&] {
@@ -143,7 +143,7 @@ inline bool dog_that_cannot()
     return true;
 }
 
-// What is opened gets the console's numbers, and has to move away from them.
+// New descriptors get the numbers of the console, which the library must leave free.
 template <bool (*tLife)()> bool closed_console()
 {
     int in = -1, err = -1;
@@ -184,8 +184,8 @@ inline void PrintTo(const tScenario &scenario, std::ostream *out)
 
 // --- what holds after each ----------------------------------------------------------------------
 
-// pclose2() signals whatever process comes after the shell; not here. And each log line has a
-// second of its own, or the calls that it makes would depend on the clock.
+// The rule of a normal run. pclose2() must not signal the process after the shell. Each log line
+// gets its own second, so its calls do not depend on the clock.
 inline int spare(const tCall &call)
 {
     if (call.name == "kill")
@@ -193,7 +193,7 @@ inline int spare(const tCall &call)
     return call.name == "gettimeofday" ? EINVAL : 0;
 }
 
-// What a life printed, and whether all of it worked.
+// The output of a run, and whether all of it worked.
 struct tLife {
     string said;
     bool worked;
@@ -211,11 +211,11 @@ inline tLife live(const tScenario &scenario, const tCallRule &rule)
     return life;
 }
 
-// A normal run that must work.
+// A run without any event, which must work.
 inline void normal_run(const tScenario &scenario)
 {
     const int usual = gAwaitMs;
-    gAwaitMs = 10000; // nothing is waited for in vain here, and the machine may be busy
+    gAwaitMs = 10000; // the machine may be busy
     const tLife life = live(scenario, spare);
     gAwaitMs = usual;
     EXPECT_TRUE(life.worked) << "a normal run of " << scenario.name << ":\n" << life.said;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the test programs share: a folder of their own, captured output, waiting, counting.
+// Helpers of the test programs: a temporary folder, captured output, waiting, counting.
 #pragma once
 #include <common/self_log.h>
 
@@ -32,9 +32,9 @@ using std::to_string;
 using std::vector;
 using testing::Message;
 
-eLogLevl gLogLevl = LOG_LEV_ERROR; // the host defines it: each test program is one source
+eLogLevl gLogLevl = LOG_LEV_ERROR; // defined by the host; each test program is one source
 
-// Ends a forked child, with what it has counted where scripts/coverage counts.
+// Ends a forked child, and saves its counts in a coverage build.
 extern "C" void __gcov_dump(void) __attribute__((weak));
 [[noreturn]] inline void leave(int status)
 {
@@ -43,7 +43,7 @@ extern "C" void __gcov_dump(void) __attribute__((weak));
     _exit(status);
 }
 
-// A temporary folder that goes with its owner.
+// A temporary folder, removed with the object.
 struct tTempDir {
     string path;
     tTempDir()
@@ -68,7 +68,7 @@ inline string slurp(const string &path)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// What the process writes to standard output while `body` runs.
+// The standard output of the process while `body` runs.
 inline string output_of(const function<void()> &body)
 {
     testing::internal::CaptureStdout();
@@ -77,7 +77,7 @@ inline string output_of(const function<void()> &body)
     return testing::internal::GetCapturedStdout();
 }
 
-// Bytes of chance, the same in each run.
+// Pseudo-random bytes, the same in each run.
 inline string noise(size_t len, unsigned seed = 1)
 {
     std::mt19937 random(seed);
@@ -87,16 +87,16 @@ inline string noise(size_t len, unsigned seed = 1)
     return bytes;
 }
 
-// The end of a page of storage: one byte further is a crash.
+// The end of accessible memory: the byte there is out of bounds.
 inline char *wall()
 {
-    constexpr size_t page = 65536; // or several smaller ones
+    constexpr size_t page = 65536; // a multiple of any real page size
     void *at = mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     EXPECT_EQ(0, mprotect(at, page, PROT_READ | PROT_WRITE));
     return static_cast<char *>(at) + page;
 }
 
-// Runs `body` on so many threads, and waits for all of them.
+// Runs `body` on `count` threads and waits for them.
 inline void in_threads(int count, const function<void(int)> &body)
 {
     vector<thread> pool;
@@ -132,8 +132,8 @@ inline bool set_priority(pthread_t thread, int priority) // 0: none
     return pthread_setschedparam(thread, priority == 0 ? SCHED_OTHER : SCHED_FIFO, &param) == 0;
 }
 
-// On one processor a thread of low real-time priority repeats `call` without a pause while one of
-// high priority does so every 100 us. Each call has to end.
+// On one processor, a thread of low real-time priority repeats `call` without a pause, and one of
+// high priority does so every 100 us. Every call must return.
 inline void between_priorities(const function<void()> &call)
 {
     atomic<bool> stop{false};
@@ -158,13 +158,13 @@ inline void between_priorities(const function<void()> &call)
     nap(700);
     stop = true;
     EXPECT_TRUE(wait_until([&] { return ended == 2; })) << "a call hangs";
-    set_priority(quick.native_handle(), 0); // so that both end
+    set_priority(quick.native_handle(), 0); // lets the slow thread run, too
     quick.join();
     slow.join();
     set_priority(pthread_self(), 0);
 }
 
-// `said` with the header of each log line cut down to its tag and module: "ERR dmn_serv: text".
+// Shortens the header of each log line to its tag and module: "ERR dmn_serv: text".
 inline string tagged(const string &said)
 {
     return std::regex_replace(said, std::regex(R"(\[(...):\S+ +(\S+) \d+\] )"), "$1 $2: ");
@@ -187,7 +187,7 @@ inline size_t open_descriptors()
 {
     return entries_of("/proc/self/fd");
 }
-// How many threads there are, with whatever a sanitizer starts along with the first one.
+// The number of threads, including one that a sanitizer starts with the first thread.
 inline size_t threads_at_rest()
 {
     thread([] {}).join();
@@ -195,12 +195,12 @@ inline size_t threads_at_rest()
     return entries_of("/proc/self/task");
 }
 
-struct tRest { // nothing more than this may be there
+struct tRest { // what exists now; check() finds anything left behind
     size_t threads = threads_at_rest();
     size_t fds = open_descriptors();
-    void check(size_t more = 0) const // descriptors
+    void check(size_t more = 0) const // descriptors that are allowed
     {
-        // A joined thread leaves the list a moment after the join.
+        // A joined thread leaves the list a little later.
         EXPECT_TRUE(wait_until([this] { return entries_of("/proc/self/task") == threads; }));
         EXPECT_EQ(fds + more, open_descriptors());
     }
@@ -214,7 +214,7 @@ inline sockaddr_un unix_name(const string &path)
     return addr;
 }
 
-// A host's own loop, which takes a turn when it is told to, and is left as it was.
+// A host's own event loop. At the end no event or descriptor may be left.
 struct tLoop {
     event_base *base = event_base_new();
     size_t fds = open_descriptors();
@@ -241,7 +241,7 @@ inline int unix_connect(const string &path)
     return -1;
 }
 
-// A client of a server that is starting up.
+// Connects to a server that is starting.
 inline int unix_connect_soon(const string &path)
 {
     int fd = -1;
@@ -258,7 +258,7 @@ inline int unix_listen(const string &path)
     return fd;
 }
 
-// Exactly `len` bytes, fewer at end of stream; fails when nothing comes for ten seconds.
+// Reads `len` bytes, or fewer at the end of the stream. Fails after ten seconds without data.
 inline string read_bytes(int fd, size_t len)
 {
     timeval wait = {10, 0};

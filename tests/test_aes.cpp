@@ -21,7 +21,7 @@ static tBytes block(decltype(AES128_ECB_encrypt) cipher, const tBytes &key, tByt
     return out;
 }
 
-// A chain that takes every entry of the tables; OpenSSL gave its end.
+// A chain that uses every entry of the tables. Its last block was computed with OpenSSL.
 TEST(Aes, Blocks)
 {
     tBytes text(16, 0);
@@ -37,7 +37,7 @@ TEST(Aes, Blocks)
               text);
 }
 
-// What a chain makes of `in`, block by block.
+// The expected result of a CBC call, computed block by block.
 static tBytes chained(bool encrypts, const tBytes &key, tBytes last, const tBytes &in)
 {
     tBytes out;
@@ -50,9 +50,9 @@ static tBytes chained(bool encrypts, const tBytes &key, tBytes last, const tByte
     return out;
 }
 
-// Without a key a call takes the last one; without an iv the chaining value is the memory of the
-// last block, with whatever it holds by now, and zeros before any. The end of the input may be a
-// part of a block.
+// A call without a key uses the last key. A call without an iv chains from the memory of the last
+// block, with its present contents, or from zeros if there was none. The last block of the input
+// may be incomplete.
 TEST(Aes, AnySequenceOfChains)
 {
     std::mt19937 rng(1);
@@ -77,7 +77,8 @@ TEST(Aes, AnySequenceOfChains)
         const tBytes plain(in, len);
         const tBytes last(pLast, 16);
         const tBytes wanted = chained(encrypts, key, last, plain);
-        (void)block(AES128_ECB_decrypt, newKey ? last : key, last); // any call's key is kept
+        (void)block(AES128_ECB_decrypt, newKey ? last : key,
+                    last); // ECB calls replace the key, too
         (encrypts ? AES128_CBC_encrypt_buffer : AES128_CBC_decrypt_buffer)(
             out, in, len, newKey ? key.data() : nullptr, newIv ? iv : nullptr);
         SCOPED_TRACE(Message() << "call " << call << ", " << len << " bytes");

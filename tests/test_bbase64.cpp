@@ -5,8 +5,8 @@
 
 using tResult = std::pair<int, string>;
 
-// The result, and the room up to the last byte that was written. Input and room end where their
-// memory ends, which the address sanitizer watches.
+// The result, and the output up to the last byte that was written. Input and output end where their
+// memory ends, so the address sanitizer sees any access beyond.
 template <typename tFrom, typename tTo>
 static tResult run(int (*codec)(const tFrom *, size_t, tTo *, size_t), const string &in,
                    size_t room)
@@ -21,16 +21,16 @@ TEST(Base64, DecodedCases)
 {
     const std::tuple<string, size_t, tResult> cases[] = {
         {"//sAgA==", 9, {4, string("\xff\xfb\0\x80", 4)}},
-        // An incomplete group, and text after the padding
+        // An incomplete group; text after the padding
         {"TWFu!!!", 9, {3, "Man"}},
         {"TQ==TWFu", 9, {1, "M"}},
         {"TWE=!!!!", 9, {2, "Ma"}},
-        // Padding: where it may stand, and bits that reach no byte
+        // Positions of padding, and bits that belong to no byte
         {"QR=A", 9, {1, "A"}},
         {"=AAA", 9, {-1, ""}},
         {"TWFuA===", 9, {-1, "Man"}},
         {"QQ=!", 9, {-1, ""}},
-        // Room counts by 3 bytes a group, and bounds what is looked at.
+        // The output size, at 3 bytes a group, also limits how much input is read.
         {"TWFu!!!!", 5, {3, "Man"}}};
     for (const auto &[text, room, wanted] : cases)
         EXPECT_EQ(wanted, run(bbase64_decode, text, room)) << text << " into " << room;
@@ -44,12 +44,12 @@ TEST(Base64, DecodedCases)
 TEST(Base64, RandomBytesComeBack)
 {
     for (size_t len = 0; len < 400; ++len) {
-        const string data = noise(len, 1) + '.'; // does not end with the filling
+        const string data = noise(len, 1) + '.'; // the last byte is not the filler
         const size_t need = (len + 3) / 3 * 4;
         const auto [size, text] = run(bbase64_encode, data, need);
         ASSERT_EQ(need, static_cast<size_t>(size));
         EXPECT_EQ(tResult(len + 1, data), run(bbase64_decode, text, need / 4 * 3));
-        for (const size_t room : {need - 1, need / 2}) // what fits is written
+        for (const size_t room : {need - 1, need / 2}) // the groups that fit are written
             EXPECT_EQ(tResult(-1, text.substr(0, room / 4 * 4)), run(bbase64_encode, data, room));
     }
     EXPECT_EQ(tResult(8, "Zm9vYmE="), run(bbase64_encode, "fooba", 9));

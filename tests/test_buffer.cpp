@@ -41,14 +41,14 @@ TEST(Buffer, RandomOperations)
         const uint64_t v = uint64_t{rng()} << 32 | rng();
         string text = noise(rng() % 150, i);
         const auto len = static_cast<uint32>(text.size());
-        d->ptr[was.size()] = 'x'; // must become a 0 with every change
+        d->ptr[was.size()] = 'x'; // every change must replace it by a terminator
 
 #define CALL(call) #call, [&] { call; }
         const struct {
             string name;
             function<void()> call;
-            string wanted;        // the data after it
-            bool possible = true; // else nothing may happen
+            string wanted;        // the data after the call
+            bool possible = true; // otherwise the call must change nothing
         } cases[] = {{CALL(write_string(to, &text[0], len)), was + big_endian(len, 4) + text},
                      {CALL(_write_ex(to, &text[0], len)), was + text},
                      {CALL(write_bytes(to, &text[0], len)), was + text},
@@ -77,10 +77,10 @@ TEST(Buffer, RandomOperations)
         buffer_free(b);
 }
 
-// What is refused leaves the buffer as it was.
+// A refused call leaves the buffer unchanged.
 TEST(Buffer, Limits)
 {
-    // To make, to expand to, and the size then
+    // The size for buffer_init(), for buffer_expand(), and the size after both
     const int sizes[][3] = {{63, 64, 64},         {64, INT_MIN, 128},     {-1, 0, 0},
                             {INT_MAX - 63, 0, 0}, {0, INT_MAX - 511, 64}, {0, 512, 1024}};
     for (const auto &[init, expand, size] : sizes) {
@@ -88,7 +88,7 @@ TEST(Buffer, Limits)
         buffer_t *b = buffer_init(init);
         buffer_expand(b, expand);
         EXPECT_EQ(size, b != nullptr ? b->size : 0);
-        buffer_memory /= 2; // as if half of it were lost: the counter stops at 0
+        buffer_memory /= 2; // too low on purpose: the counter must stop at 0
         buffer_free(b);
         EXPECT_EQ(0U, buffer_memory);
     }
@@ -113,7 +113,7 @@ TEST(Buffer, Limits)
     EXPECT_EQ("0123456789", data_of(&some));
     EXPECT_EQ(INT_MAX - 1, huge.used);
     buffer_t brim{wall() - 4, 4, 4};
-    buffer_shift(&brim, 0); // has no byte left for a 0
+    buffer_shift(&brim, 0); // no byte is left for the terminator
     EXPECT_EQ(-1, read_buffer(0, &some));
     EXPECT_EQ(-1, read_buffer(1, nullptr));
 
@@ -133,7 +133,7 @@ TEST(Buffer, ReadBuffer)
         const char *fails;
         int err, result;
         string says = "";
-        int used = 0, waiting = 3; // bytes held, and to the end of the file
+        int used = 0, waiting = 3; // bytes in the buffer; bytes up to the end of the file
         int size = 64;
     } cases[] = {{"ioctl", EAGAIN, 0},
                  {"ioctl", EINTR, 0},
@@ -142,7 +142,7 @@ TEST(Buffer, ReadBuffer)
                  {"read", EINTR, 0},
                  {"read", EIO, -1, "toread:3 ret:-1, msg:Input/output error\n"},
                  {"realloc", ENOMEM, 2, "", 62},
-                 {"", 0, 3, "", 61}, // an exact fit asks for nothing
+                 {"", 0, 3, "", 61}, // an exact fit needs no new memory
                  {"", 0, length, "", 64, length, 1024},
                  {"", 0, -1, "toread:1 ret:0, msg:Success\n", 0, 0},
                  {"", 0, -1, "toread:1 ret:0, msg:Success\n", 0, -100}};
@@ -171,7 +171,7 @@ TEST(Buffer, ReadBuffer)
 
 TEST(Buffer, ByteOrder)
 {
-    // As a little-endian processor sees it; all of ours are.
+    // For little-endian processors; no others are supported.
     EXPECT_EQ(0x12f4U, TO_WLE(0x12f4));
     EXPECT_EQ(0xf412U, TO_WBE(0x12f4));
     EXPECT_EQ(0xf1223384U, TO_DWLE(0xf1223384));

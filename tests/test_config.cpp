@@ -6,7 +6,7 @@
 
 #include <libconfig.h>
 
-// Each loader on a preset record: its result, and what the record holds then.
+// Runs a loader on a preset record. Returns its result and the contents of the record.
 static Message log_loaded(const config_t *cfg)
 {
     tLogCfg rec = {LOG_RUN_MAX, LOG_FILE_MAX, 77, LOG_SWITCH_MAX, LOG_SWITCH_MAX, "kept"};

@@ -17,7 +17,7 @@ template <typename tCtx> struct tDigest {
     tCtx ctx = {};
 };
 
-// Runs a test on each of the three.
+// Runs a test for each of the three digests.
 template <typename tTest> static void each(tTest body)
 {
     const auto test = [&](auto digest) {
@@ -38,8 +38,8 @@ template <typename tTest> static void each(tTest body)
                 sha256));
 }
 
-// What `write` leaves at the odd address that it gets and gives back, in hexadecimal: `len` bytes,
-// not one more.
+// The `len` bytes that `write` writes to an odd address, in hexadecimal. It must return the address
+// and write no more.
 template <typename tWrite> static string written(size_t len, tWrite write)
 {
     string room(42, '\0'), digits;
@@ -60,8 +60,8 @@ template <typename tAny> static string finished(tAny &d)
     return written(d.len, [&](void *to) { return d.finish(&d.ctx, to); });
 }
 
-// Messages of every length, in pieces of every size, at every address. OpenSSL gave the digest of
-// the first 300 digests.
+// Messages of all lengths, in pieces of all sizes, at all alignments. The digest of the first 300
+// digests was computed with OpenSSL.
 TEST(Digests, PiecesMakeTheWhole)
 {
     each([](auto d) {
@@ -83,7 +83,7 @@ TEST(Digests, PiecesMakeTheWhole)
     });
 }
 
-// The count of bytes carries into its high word; in bits it ends the last block.
+// The byte count carries into its high word; the last block ends with the count in bits.
 TEST(Digests, TheCountHas64Bits)
 {
     each([](auto d) {
@@ -99,7 +99,7 @@ TEST(Digests, TheCountHas64Bits)
     });
 }
 
-// A stream by a script: a number delivers so many bytes, -1 fails one read.
+// A scripted stream: a number delivers as many bytes, -1 fails one read.
 using tScript = vector<int>;
 
 static ssize_t read_script(void *cookie, char *to, size_t len)
@@ -117,9 +117,8 @@ static ssize_t read_script(void *cookie, char *to, size_t len)
 
 TEST(Digests, StreamsThatEndFailAndReadShort)
 {
-    // The script, and how much is hashed; -1: it fails. A failure that delivered something is not
-    // looked at: reading goes on, and only a read that brings nothing finds the mark that the
-    // failure left.
+    // The script, and how many bytes are hashed; -1: the call fails. After a failed read that
+    // delivered bytes, reading continues. Only a read without any bytes looks at the error mark.
     const std::pair<tScript, int> cases[] = {
         {{}, 0},    {{1, 1, 1}, 3},   {{4000, 96, 10}, 4106}, {{4096, 4096}, 8192},
         {{-1}, -1}, {{4096, -1}, -1}, {{100, -1, 50}, 150},   {{100, -1, 3996}, -1}};

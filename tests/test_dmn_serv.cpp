@@ -29,7 +29,7 @@ struct tServer : tLoop {
     {
         EXPECT_EQ("", output_of([] { EXPECT_EQ(0, dmn_server_exit() + dmn_server_exit()); }));
         EXPECT_EQ(-1, unix_connect(gPath));
-        EXPECT_EQ(ECONNREFUSED, errno); // the file stays
+        EXPECT_EQ(ECONNREFUSED, errno); // the socket's file remains
     }
 };
 
@@ -41,7 +41,7 @@ TEST(DmnServ, BroadcastsToAllOldestFirst)
         tServer server;
         EXPECT_EQ(SIG_IGN, signal(SIGPIPE, SIG_DFL));
         const int clients[] = {server.client(), server.client(), server.client()};
-        // Before each write: which of them have the message already.
+        // Before each write: which clients have the message.
         string got;
         calls_watch([&](const tCall &call) {
             char byte;
@@ -54,7 +54,7 @@ TEST(DmnServ, BroadcastsToAllOldestFirst)
         calls_stop();
         EXPECT_EQ("---+--++-", got);
         EXPECT_EQ(1000, send(clients[1], string(1000, 'x').data(), 1000, 0));
-        EXPECT_EQ("", server.turn()); // thrown away
+        EXPECT_EQ("", server.turn()); // what clients send is discarded
         char one[] = "b";
         EXPECT_EQ(0, dmn_serv_tx_clit_msg(one, -1));
         EXPECT_EQ(0, broadcast("") + broadcast("c"));
@@ -99,7 +99,7 @@ TEST(DmnServ, AdmissionFailures)
 {
     const struct {
         const char *call;
-        bool served, later; // at all, and only after another turn
+        bool served, later; // the client is served; only in a later turn
     } table[] = {{"accept", true, true},
                  {"setsockopt", true, false},
                  {"calloc", false, false},
@@ -121,7 +121,7 @@ TEST(DmnServ, AdmissionFailures)
     }
 }
 
-// A closing socket may linger, and the server would wait for that inside its read().
+// The close of a received socket may linger, and block the server inside read().
 TEST(DmnServ, TakesNoDescriptorsFromItsClients)
 {
     constexpr int passRights = 83; // SO_PASSRIGHTS
@@ -152,16 +152,16 @@ TEST(DmnServ, DescriptorZeroIsServedWithoutBlockingAndGivenBack)
             tServer server;
             const int fd = unix_connect(gPath);
             gLogLevl = LOG_LEV_ERROR;
-            said = tagged(output_of([&] { // whose file is opened before
+            said = tagged(output_of([&] { // opens its own file before descriptor 0 is closed
                 if (clientOnZero)
                     close(0);
                 event_base_loop(server.base, EVLOOP_ONCE);
             }));
             EXPECT_NE(-1, fcntl(0, F_GETFD));
-            for (int i = 0; i < 20; ++i) // would wait for ever on a blocking descriptor
+            for (int i = 0; i < 20; ++i) // a blocking descriptor would block for ever
                 EXPECT_EQ(0, broadcast(string(100000, 'm')));
             close(fd);
-            server.fds -= clientOnZero; // the one that was closed here
+            server.fds -= clientOnZero; // closed by this test
         }
         EXPECT_EQ(-1, fcntl(0, F_GETFD));
         EXPECT_EQ(clientOnZero ? "ERR dmn_serv: aicFd=0 err!!!!\n" : "", said);

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
-"""The example programs as their users run them.
+"""Runs the example programs.
 
-python3 test_gnssd.py FOLDER [unittest arguments]; FOLDER has the programs. KELVARA_RUN holds a
-command to put before each (an emulator). Nothing here depends on how fast a program is.
+python3 test_gnssd.py FOLDER [unittest arguments]; FOLDER has the programs. KELVARA_RUN is a
+command to run them with (an emulator). Nothing here depends on how fast a program is.
 """
 import os
 import pty
@@ -20,7 +20,7 @@ import unittest
 from pathlib import Path
 from socket import AF_UNIX, socket
 
-LIMIT = 60  # seconds for anything to happen
+LIMIT = 60  # seconds to wait for anything
 GOOD = b"$A*41\n"
 INPUT = 'path = "-"'
 CONF = """log = { fileLogSwt = 1; saveLogPath = "log"; };
@@ -102,7 +102,7 @@ class Examples(unittest.TestCase):
     def test_a_replay_stops_at_once_and_terminates_no_bystander(self):
         Path("data").write_bytes(GOOD * 70)
         bystander = self.start("tap", "-w", "600000", "none")
-        # The command's own number comes from this program: another process has it by now.
+        # Reports a wrong number for the command, as if another process had it by now.
         Path("sh").write_text("#!/bin/sh\necho %d\n" % bystander.pid)
         Path("sh").chmod(0o755)
         gnssd = self.gnssd('source = "command"; path = "ln -s /proc/$$ shell; cat data"', "-v", "6",
@@ -143,7 +143,7 @@ class Examples(unittest.TestCase):
             gnssd.send_signal(signal.SIGHUP)
             self.until(b"no log file, until the next SIGHUP", gnssd)
             resource.prlimit(gnssd.pid, resource.RLIMIT_NOFILE, (256, 256))
-            # More signals than it can answer: heartbeats go on, and the end comes in time.
+            # More signals than it can handle: heartbeats continue, and it stops in time.
             beats = dog.text().count(b"heartbeat") + 10
             self.until(lambda: dog.text().count(b"heartbeat") > beats, gnssd,
                        again=lambda: [gnssd.send_signal(signal.SIGHUP) for _ in range(1000)])
@@ -160,7 +160,7 @@ class Examples(unittest.TestCase):
         read, write = os.pipe()
         gnssd = self.gnssd('source = "command"; path = "read x; yes \\\\$A*41"', "-v", "6",
                            stdout=write)
-        time.sleep(1.5)  # for another look
+        time.sleep(1.5)  # until it tries again
         for lasts in (False, True):
             dog = self.start("watchdogd", "dog.sock", "700")
             self.until(b"gnssd +5  heartbeat", dog)
@@ -168,7 +168,7 @@ class Examples(unittest.TestCase):
                 self.assertEqual(1, os.read(read, 65536).count(b"no watchdog at"))
                 self.stops(dog)
         gnssd.stdin.write(b"\n")
-        gnssd.stdin.close()  # from here on the console fills, and is not read
+        gnssd.stdin.close()  # from now on the console fills up
         self.until(rb"gnssd +\d+  IS LATE", dog)
         gnssd.kill()
         self.until(rb"gnssd +\d+  has left", dog)
@@ -177,12 +177,12 @@ class Examples(unittest.TestCase):
         with socket(AF_UNIX) as other:
             other.bind("dog.sock")
             self.ends(self.start("watchdogd", "dog.sock"), 1, b"dog.sock: Address")
-        dog = self.start("watchdogd", "dog.sock", "300")  # replaces the socket left behind
+        dog = self.start("watchdogd", "dog.sock", "300")  # replaces the old socket
         with socket(AF_UNIX) as client:
             self.until(lambda: client.connect_ex("dog.sock") == 0, dog)
             client.sendall(2 * b"\0\0\0\0\4slow" + b"\0\0\0")
             self.until(b"slow +2  IS LATE", dog)
-            time.sleep(0.2)  # it says so once
+            time.sleep(0.2)  # it is reported once
             client.sendall(b"\0\4slow")
             self.until(rb"2  heartbeat[^\n]*\n[^\n]*LATE[^\n]*\n[^\n]*slow +3  h", dog)
         self.until(b"slow +3  has left", dog)

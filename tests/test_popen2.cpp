@@ -7,7 +7,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-static string gSent; // the signals, each with what was blocked when it came
+static string gSent; // each signal, with the signals blocked at that time
 
 static string blocked()
 {
@@ -20,7 +20,7 @@ static string blocked()
     return text;
 }
 
-// Nothing is really sent: it could reach any process.
+// Sends nothing: the signal could reach any process.
 extern "C" int kill(pid_t pid, int sig) noexcept
 {
     gSent += to_string(pid) + " gets " + to_string(sig) + ", blocked:" + blocked();
@@ -39,7 +39,7 @@ static string line_of(FILE *stream)
     return line;
 }
 
-// Waits for any child: its exit status, or 1000 for one that a signal ended.
+// Waits for any child. Returns its exit status, or 1000 if a signal ended it.
 static int reap()
 {
     int status = 0;
@@ -49,7 +49,7 @@ static int reap()
 
 TEST(Popen2, EndsTheProcessAfterTheShell)
 {
-    EXPECT_EQ(-1, pclose2(stdin)); // there is no table yet
+    EXPECT_EQ(-1, pclose2(stdin)); // before the first popen2()
     sigset_t mine;
     sigemptyset(&mine);
     sigaddset(&mine, SIGUSR1);
@@ -66,16 +66,17 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
         calls_stop();
         EXPECT_EQ(err ? "" : to_string(shell + 1) + " gets 15, blocked: 1 2 3 10", gSent);
         EXPECT_EQ(" 10", blocked());
-        // On the same descriptor, whose slot is clear; and on none.
+        // A stream on the same descriptor, whose slot is empty by now; a stream without a
+        // descriptor.
         for (FILE *other : {fopen("/dev/null", "w"), fmemopen(nullptr, 8, "w")}) {
             EXPECT_EQ(-1, pclose2(other));
             fclose(other);
         }
-        EXPECT_EQ(3, reap()); // the shell was left to us
+        EXPECT_EQ(3, reap()); // the shell is not reaped by pclose2()
     }
     EXPECT_EQ(-1, pclose2(nullptr));
-    // The number may be that of a thread of ours: the signal would end us.
-    (void)threads_at_rest(); // a sanitizer starts one of its own along with the first one
+    // The number may belong to a thread of this process: the signal would end the process.
+    (void)threads_at_rest(); // a sanitizer starts its own thread with the first one
     for (bool ours = false; !ours;) {
         FILE *stream = open_command("echo $$", "r");
         gSent.clear();
@@ -89,15 +90,15 @@ TEST(Popen2, EndsTheProcessAfterTheShell)
     }
 }
 
-// Whatever standard descriptors are closed, and whether or not the table has a slot for the stream.
+// With any standard descriptors closed, and with or without a slot for the stream in the table.
 TEST(Popen2, AnyDescriptorsAndAnyTableSize)
 {
     const auto life = [](const string &closed, bool reads, int slots) {
-        alarm(20); // the commands end only if they hold no copy of our end of the pipe
+        alarm(20); // a command that inherits our end of the pipe never ends
         signal(SIGPIPE, SIG_DFL);
         for (const char fd : closed)
             close(fd - '0');
-        int ends[2]; // which the command's pipe gets
+        int ends[2]; // the numbers that the command's pipe will have
         EXPECT_EQ(0, pipe(ends));
         close(ends[0]);
         close(ends[1]);
@@ -134,9 +135,9 @@ TEST(Popen2, FailuresLeaveNothingBehind)
         calls_stop();
         EXPECT_EQ(before, open_descriptors()) << name;
     }
-    EXPECT_EQ(9 + 127, reap() + reap()); // a shell without a stream, and none at all
+    EXPECT_EQ(9 + 127, reap() + reap()); // a shell without a stream; a failed exec
     const uid_t user = geteuid();
-    ASSERT_TRUE(user != 0 || setresuid(65534, 65534, 0) == 0); // root is not bound by the limit
+    ASSERT_TRUE(user != 0 || setresuid(65534, 65534, 0) == 0); // the limit does not bind root
     rlimit limit = {};
     getrlimit(RLIMIT_NPROC, &limit);
     const rlimit none = {0, limit.rlim_max};

@@ -4,7 +4,7 @@
 #include "calls.h"
 #include "support.h"
 
-// A client on a host's own loop, and the watchdog's end of its connection.
+// A client on the host's own loop, and the watchdog's end of its connection.
 struct tFed : tLoop {
     tFeddogCfg cfg;
     int dog = -1;
@@ -21,7 +21,7 @@ struct tFed : tLoop {
     }
     ~tFed()
     {
-        // From a callback of the loop that runs the client.
+        // Called from a callback of the client's own loop.
         const auto exitCb = [](int, short, void *) { EXPECT_EQ(0, self_feddog_exit()); };
         const timeval now = {0, 0};
         event_base_once(base, -1, EV_TIMEOUT, exitCb, nullptr, &now);
@@ -36,7 +36,7 @@ struct tFed : tLoop {
 
 TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
 {
-    event_enable_debug_mode(); // it aborts at an event whose descriptor blocks
+    event_enable_debug_mode(); // aborts if an event's descriptor is blocking
     const string longest(63, 'x');
     const struct {
         uint32_t sec, usec;
@@ -46,7 +46,7 @@ TEST(SelfDog, HeartbeatsAreExactAndOnePeriodApart)
         {0, 150000, "", string(5, '\0')},
         {0, 1100000, longest, string("\0\0\0\0\77", 5) + longest},
         {1, 0, "gnssd", string("\0\0\0\0\5gnssd", 10)},
-        {~0U, ~0U, "gnssd", ""}, // does not wrap into a flood
+        {~0U, ~0U, "gnssd", ""}, // must not overflow to a short period
     };
     for (const auto &row : table) {
         SCOPED_TRACE(Message() << row.sec << " s " << row.usec << " us");
@@ -72,12 +72,12 @@ TEST(SelfDog, GoneWatchdogIsNoticedOnce)
     for (const int err : {0, EIO}) {
         tFed fed(0, 20000);
         EXPECT_EQ(3, send(fed.fd, "abc", 3, 0));
-        EXPECT_EQ("", fed.turn()); // thrown away
+        EXPECT_EQ("", fed.turn()); // what the watchdog sends is discarded
         calls_watch(calls_fail("read", 1, err));
         EXPECT_EQ(err ? 1 : 0, send(fed.fd, "x", err ? 1 : 0, 0));
         shutdown(fed.fd, SHUT_RDWR);
         string said;
-        for (int turns = 0; turns < 5; ++turns) // beats go on into the void
+        for (int turns = 0; turns < 5; ++turns) // heartbeats continue, without effect
             said += fed.turn();
         calls_stop();
         EXPECT_EQ(err ? "ERR self_dog: read() err, msg:Input/output error!!!!\n"
@@ -87,7 +87,7 @@ TEST(SelfDog, GoneWatchdogIsNoticedOnce)
     }
 }
 
-// The peer closes right before a heartbeat is written, and its end was not read yet.
+// The peer closes right before a heartbeat is written; the client has not yet read the end.
 TEST(SelfDog, HeartbeatToAClosedPeerIsNoSignal)
 {
     tFed fed(0, 0);

@@ -4,13 +4,13 @@
 #include "calls.h"
 #include "support.h"
 
-// Random batches against a string. The slots, and what is handed in or out, end at a wall.
+// Random batches, compared with a string. The slots and the caller's array end at a wall.
 TEST(Fifo, RandomBatches)
 {
     std::mt19937 rng(3);
     char *slots = wall();
     char *outside = wall();
-    tFifo fifo; // left in any state by the depth before
+    tFifo fifo; // not cleared between the depths
     for (uint32_t depth = 0; depth < 40; ++depth) {
         const size_t size = 1 + rng() % 33;
         string held;
@@ -45,7 +45,7 @@ TEST(Fifo, RandomBatches)
     }
 }
 
-// Just before the lock is taken another thread's call takes the last room, or the last element.
+// Right before the lock is taken, another call takes the last free slot or the last element.
 TEST(Fifo, TestAndUpdateAreOneStep)
 {
     int slots[2] = {};
@@ -64,7 +64,7 @@ TEST(Fifo, TestAndUpdateAreOneStep)
     fifo_clear(&fifo);
     calls_stop();
     EXPECT_EQ(0U, fifo_get_data_count(&fifo)) << "one was added before the clear";
-    // A reader keeps them waiting.
+    // fifo_clear() waits for a reader.
     pthread_rwlock_rdlock(&fifo.fifoRwLk);
     calls_watch([&](const tCall &call) {
         return call.name == "nanosleep" ? pthread_rwlock_unlock(&fifo.fifoRwLk) : 0;

@@ -21,7 +21,7 @@ static tLogCfg to_file(const string &path, uint32_t max, eLogRunMod mode = LOG_R
     return cfg;
 }
 
-// What is said while the service runs and `body` logs.
+// The output while the service runs `body`.
 static string logged(
     const tLogCfg &cfg, const function<void()> &body = [] {}, int ret = 0)
 {
@@ -32,7 +32,7 @@ static string logged(
     });
 }
 
-// Shows 05:30:00 on the first day of 2040, and a second more each time.
+// Fails the clock calls, which then show 05:30:00 on 1 January 2040 and later.
 static int late_clock(const tCall &call)
 {
     return call.name.find("time") != string::npos;
@@ -79,7 +79,7 @@ TEST(Log, TooLongIsCutAt1022)
     }
 }
 
-// What this thread allocates, in the C library too.
+// The allocations of this thread, including those of the C library.
 static thread_local unsigned gAllocated;
 #if !defined __SANITIZE_ADDRESS__ && !defined __SANITIZE_THREAD__
 extern "C" void *__libc_malloc(size_t);
@@ -95,7 +95,7 @@ TEST(Log, AllocatesNothing)
     for (const eLogRunMod mode : {LOG_RUN_MAIN_PROGRESS, LOG_RUN_NEW_PTHREAD})
         logged(to_file(gDir / "a", 0, mode), [] {
             const auto log = [] { log_msg(LOG_LEV_OFF, "a", "f", 1, "%500s %f\n", "x", 0.1); };
-            log(); // the first one looks at the time zone
+            log(); // the first call reads the time zone
             const unsigned before = gAllocated;
             log();
             EXPECT_EQ(before, gAllocated);
@@ -127,7 +127,7 @@ TEST(Log, ThresholdChange)
             output_of([&] { set_global_log_level(static_cast<eLogLevl>(value)); }));
         EXPECT_EQ(good ? value : 2, static_cast<int>(gLogLevl));
     }
-    gLogLevl = LOG_LEV_OFF; // is no threshold for a ready text
+    gLogLevl = LOG_LEV_OFF; // does not apply to logger()
     EXPECT_EQ("abc%s\n", output_of([] { logger(99, -1, "abc%s\n"); }));
 }
 
@@ -182,11 +182,11 @@ TEST(LogRotation, TwoFilesInTurn)
 {
     const struct {
         uint32_t max, writes;
-        const char *even, *odd; // what the files named by an even and an odd count hold at the end
+        const char *even, *odd; // final contents of the file of even counts, and of odd counts
     } table[] = {{3, 3, "123", ""}, {3, 7, "7", "456"}, {1, 3, "3", "2"}, {~0U, 5, "12345", ""}};
-    // What was to be said is said before: no descriptor is free for long.
+    // The messages come before fclose(): after it another thread could take the descriptor.
     calls_watch([](const tCall &call) { return call.name == "fclose" && puts("shut") < 0; });
-    unsigned named = 0; // goes on over stops and starts
+    unsigned named = 0; // names formed; not reset by a restart
     for (const auto &row : table) {
         const string path = gDir / ("r" + to_string(&row - table));
         const string names[] = {path + "-00.log", path + "-01.log"};
@@ -205,7 +205,7 @@ TEST(LogRotation, TwoFilesInTurn)
     calls_stop();
 }
 
-// On 32 bits a time and a place in a file need more than a word.
+// On 32-bit machines such a time, and such an offset in a file, need more than a word.
 TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
 {
     const string path = gDir / "t";
@@ -214,7 +214,7 @@ TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
     char text[256] = "";
     string said = output_of([&] {
         calls_watch(late_clock);
-        const int file = dup(0); // the log file gets this number
+        const int file = dup(0); // the descriptor that the log file will get
         close(file);
         EXPECT_EQ(0, log_system_init(&cfg));
         EXPECT_EQ(0, ftruncate64(file, 0x7ffffff0));
@@ -229,7 +229,7 @@ TEST(LogRotation, TimeNamesAfter2038AndBeyondTwoGigabytes)
     EXPECT_EQ(2, std::distance(std::sregex_iterator(said.begin(), said.end(), name), {})) << said;
     EXPECT_EQ(1U, count_of(text, "[OFF:05:30:00.")) << text;
     EXPECT_EQ(1U, count_of(text, "[OFF:05:30:01.")) << text;
-    // A base name of 250 characters leaves four for the ending.
+    // After a base name of 250 characters, four are left for the rest of the name.
     const string base = path + string(250 - path.size(), '/');
     for (const eLogFileMod mode : {LOG_FILE_TWO, LOG_FILE_TIME}) {
         cfg = to_file(base, 1);
@@ -257,20 +257,20 @@ TEST(LogWriter, StopsWithoutWaitingForItsTurnToEnd)
     const auto start = now_ms();
     for (int i = 0; i < 50; ++i)
         logged(gicToConsole, [] { nap(1); });
-    EXPECT_LT(now_ms() - start, 2500); // half of what 50 turns take
+    EXPECT_LT(now_ms() - start, 2500); // half the time of 50 full turns
 }
 
-// Threads go on to log while files are replaced, and during log_system_exit(): that returns in
-// time, without SIGPIPE, lost or torn lines, or writes to a reused descriptor.
+// Threads keep logging during rotations and log_system_exit(): it returns in time, without SIGPIPE,
+// lost or torn lines, or writes to a reused descriptor.
 TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
 {
     signal(SIGPIPE, [](int) { FAIL() << "SIGPIPE"; });
     const struct {
         const char *name;
         eLogRunMod mode;
-        unsigned lines;   // that come before the exit; 700 are more than the pipe holds
-        const char *slow; // this call takes a while
-        bool stuck;       // or until the exit has ended
+        unsigned lines;   // written before the exit; 700 do not fit into the pipe
+        const char *slow; // this call is slow
+        bool stuck;       // or blocks until the exit call has returned
     } table[] = {
         {"direct", LOG_RUN_MAIN_PROGRESS, 1000, "none", false},
         {"writer, full pipe", LOG_RUN_NEW_PTHREAD, 700, "fwrite", false},
@@ -333,7 +333,7 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
         EXPECT_EQ(writer ? 1U : 0U,
                   count_of(said, "_rx_log_func_pth() pthread already stop------\n"));
 
-        // Every line of the files, in their order.
+        // All lines, in the order of the files.
         string text;
         const std::regex opened("New save log path=(.*)\n");
         for (std::sregex_iterator at(said.begin(), said.end(), opened), end; at != end; ++at)
@@ -352,7 +352,7 @@ TEST(Log, ThreadsThatGoOnMeetRotationAndExit)
     }
 }
 
-// The pipe's number may be beyond select()'s reach.
+// The pipe's descriptor may be too high for select().
 TEST(LogWriter, HighDescriptors)
 {
     rlimit limit;
@@ -370,11 +370,11 @@ TEST(LogWriter, HighDescriptors)
     EXPECT_EQ(1U, count_of(said, "pipe() err, msg:Too many open files!!!!\n")) << said;
 }
 
-// When the pipe cannot be waited for.
+// The thread must not spin when select() fails.
 TEST(LogWriter, PausesWhenSelectFails)
 {
     output_of([] {
-        const int lowest = dup(0); // which the pipe gets
+        const int lowest = dup(0); // the descriptor that the pipe will get
         close(lowest);
         EXPECT_EQ(0, log_system_init(&gicToConsole));
         close(lowest);
@@ -383,5 +383,5 @@ TEST(LogWriter, PausesWhenSelectFails)
         calls_stop();
         log_system_exit();
     });
-    EXPECT_LT(calls_count("select"), 12U); // it would take a whole core
+    EXPECT_LT(calls_count("select"), 12U); // a thread that spins makes thousands
 }

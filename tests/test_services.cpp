@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the services have in common: calls that fail, stops and forks at each call, cancelled hosts.
+// Tests of all services: failing calls, a stop or a fork at each call, cancelled host threads.
 #include "scenarios.h"
 
 #include <common/popen2.h>
@@ -11,22 +11,23 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-// What is to happen at a call; the other calls of a life go on as usual.
+// An event that happens at one call of a scenario.
 struct tSweep {
-    function<bool(const tCall &)> counts; // whether it may happen at this one
-    function<int(const tCall &)> happens; // 0, or the error that the call fails with
+    function<bool(const tCall &)> counts; // whether it may happen at this call
+    function<int(const tCall &)>
+        happens; // the event: gives 0, or the error that the call fails with
     function<void(const tLife &)> after = nullptr;
 };
 
-// Lives a scenario again and again, and lets it happen at one call after the other. Gives how often
-// it did.
+// Runs a scenario repeatedly. The event happens at the first call in the first run, at the second
+// call in the second run, and so on. Returns the number of events.
 static unsigned sweep(const tScenario &scenario, const tSweep &what)
 {
-    normal_run(scenario); // the first one leaves what stays for good, such as the unwinder
+    normal_run(scenario); // the first run loads what stays loaded, such as the unwinder
     normal_run(scenario);
     const tRest rest;
     unsigned times = 0;
-    // The lives of threads differ by a few calls.
+    // The number of calls differs a little between runs.
     for (unsigned k = 1, idle = 0; idle < 3 && !testing::Test::HasFailure(); ++k) {
         atomic<unsigned> met{0};
         string name;
@@ -54,7 +55,7 @@ static bool any_call(const tCall &)
 
 using tScenarios = testing::TestWithParam<tScenario>;
 
-// Each fails once, and is reported.
+// Each call fails once, and the failure is reported.
 class Failures : public tScenarios
 {
 };
@@ -95,7 +96,7 @@ TEST_P(Failures, EachCallFailsOnce)
     const auto after = [&](const tLife &life) { said += tagged(life.said); };
     const auto host = std::this_thread::get_id();
     for (const int err : {EINTR, ENOMEM})
-        for (const bool hosts : {true, false}) { // the order between threads is not the same twice
+        for (const bool hosts : {true, false}) { // the order of threads differs between runs
             const auto counts = [=](const tCall &) {
                 return (std::this_thread::get_id() == host) == hosts;
             };
@@ -113,8 +114,8 @@ INSTANTIATE_TEST_SUITE_P(All, Failures,
                                          gicDog),
                          testing::PrintToStringParamName());
 
-// The host's exit call comes while the service's thread stands at each of its calls; without
-// libevent's locks, and with them.
+// The host calls the exit function while the service's thread is in each of its calls; without and
+// with libevent's locks.
 class Stops : public tScenarios
 {
 };
@@ -127,7 +128,7 @@ TEST_P(Stops, ExitComesAtEachCallOfTheThread)
         const bool ours = std::this_thread::get_id() != host;
         if (!ours && call.name == "pthread_join")
             joining = true;
-        // At these it is in the way of the exit, or of a sender.
+        // In these two it would block the exit call, or a sender.
         return ours && call.name != "localtime_r" && call.name != "pthread_rwlock_trywrlock";
     };
     const auto happens = [&](const tCall &) {
@@ -146,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(All, Stops,
                                          gicDogThatCannot),
                          testing::PrintToStringParamName());
 
-// A handler of the host's that logs. It is registered early, as in a host linked with the archive.
+// A fork handler of the host that logs. It is registered early, as in a statically linked host.
 static bool gbLogAtFork;
 static void before_fork()
 {
@@ -158,7 +159,7 @@ __attribute__((constructor(200))) static void meet_forks()
     pthread_atfork(before_fork, nullptr, nullptr);
 }
 
-// A process's descriptors of one kind; of this one, not those for reading alone.
+// Counts descriptors of one kind; of this process only those open for writing.
 static size_t open_to(const string &kind, const string &process = "self")
 {
     size_t found = 0;
@@ -171,18 +172,18 @@ static size_t open_to(const string &kind, const string &process = "self")
     }
     return found;
 }
-static size_t gPipes = ~0U; // the test's own, where libevent has none
+static size_t gPipes = ~0U; // those of the test itself; checked where libevent has none
 
-// In a forked child: uses what it has inherited, and then services of its own.
+// The forked child uses the inherited services, and then its own.
 static void child_life()
 {
     calls_stop();
-    alarm(30); // a child that hangs ends by this
+    alarm(30); // ends a child that hangs
     if (getenv("KELVARA_WATCHED") != nullptr)
-        return; // by what cannot follow a child of several threads: its own locks may be held
+        return; // a sanitizer's or emulator's own locks may be held in the child
     char msg[] = "C";
     log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
-    EXPECT_EQ(0U, open_to("anon_inode:[eventfd]")); // libevent's are made with locks only
+    EXPECT_EQ(0U, open_to("anon_inode:[eventfd]")); // libevent makes them only with locks
     EXPECT_EQ(0, dmn_serv_tx_clit_msg(msg, 1) + self_feddog_exit() + dmn_server_exit() +
                      log_system_exit());
     EXPECT_GE(gPipes, open_to("pipe:"));
@@ -194,7 +195,7 @@ static void child_life()
     rmdir(gDir.path.c_str());
 }
 
-// Forks on a thread of its own, and waits for the child.
+// Forks on another thread, and waits for the child.
 struct tFork {
     atomic<bool> done{false};
     atomic<pid_t> child{0};
@@ -234,7 +235,7 @@ TEST_P(Forks, ChildIsForkedAtEachCall)
     const auto happens = [&](const tCall &call) {
         gbLogAtFork = true;
         forked = std::make_unique<tFork>();
-        // A thread that is in the way of the fork goes on, and lets it be.
+        // A thread that blocks the fork must continue, so do not wait for the child.
         if (wait_until([&] { return forked->child != 0; }, 30))
             wait_until([&] { return forked->done.load(); }, 60000);
         EXPECT_TRUE((call.name != "localtime_r" && call.name != "rand") || forked->child == 0)
@@ -258,8 +259,8 @@ INSTANTIATE_TEST_SUITE_P(All, Forks,
                                          gicDog, tScenario{"random", random_life}),
                          testing::PrintToStringParamName());
 
-// Descendants append, wherever the owner has brought the end of the file, and even if the process
-// between them has ended. They rotate once the owner has.
+// Descendants append at the present end of the file, even if the process between them and the owner
+// has ended. They rotate only after the owner has ended.
 TEST(Descendants, AppendAndTheOwnerRotates)
 {
     tLogCfg cfg = {LOG_RUN_MAIN_PROGRESS, LOG_FILE_TWO, 2, LOG_SWITCH_OFF, LOG_SWITCH_ON, ""};
@@ -298,8 +299,8 @@ TEST(Descendants, AppendAndTheOwnerRotates)
     EXPECT_EQ("e\n", slurp(gDir / "o-01.log"));
 }
 
-// A child and a command of a daemon keep none of its descriptors: its peers see its end, and the
-// child does not hang in a log pipe without a reader.
+// Children and commands of a daemon keep none of its descriptors: its peers see its end, and a
+// child does not block on a log pipe that nothing reads.
 TEST(Descendants, HoldNothingOfTheDaemon)
 {
     static tDmnServCfg serv;
@@ -336,7 +337,7 @@ TEST(Descendants, HoldNothingOfTheDaemon)
         log_msg(LOG_LEV_OFF, "child", "f", 1, "child\n");
         (void)!write(ends[0], "", 1);
         (void)!read(ends[0], ends, 1);
-        for (int i = 0; i < 700; ++i) // more than the pipe holds
+        for (int i = 0; i < 700; ++i) // do not fit into the pipe
             log_msg(LOG_LEV_OFF, "child", "f", 1, "%080d late\n", i);
         leave(stop());
     }
@@ -345,7 +346,7 @@ TEST(Descendants, HoldNothingOfTheDaemon)
     output_of([&] { EXPECT_EQ(0, stop()); });
     EXPECT_EQ(-1, unix_connect(serv.dmNme));
     for (const int fd : peers) {
-        (void)read_bytes(fd, 1 << 20); // all up to the end
+        (void)read_bytes(fd, 1 << 20); // up to the end of the stream
         close(fd);
     }
     close(ends[1]);
@@ -358,7 +359,7 @@ TEST(Descendants, HoldNothingOfTheDaemon)
 }
 
 static const tScenario *gpStarved;
-static size_t gLeft; // that many free descriptors
+static size_t gLeft; // free descriptors
 
 static bool starved_life()
 {
@@ -373,7 +374,7 @@ static bool starved_life()
     return worked;
 }
 
-// With any number of free descriptors a service starts, or reports that it cannot.
+// With any number of free descriptors a service starts or reports its failure.
 TEST(SetUp, FewDescriptors)
 {
     const rlimit some = {64, 64};
@@ -417,8 +418,8 @@ TEST(SetUp, PathLengths)
     event_base_free(base);
 }
 
-// A cancel that is pending on a host's thread takes effect behind the library's calls, not in the
-// middle of a stop, a held lock, or a child that shares the host's memory.
+// A pending cancel of a host's thread takes effect after a call of the library: not during a stop,
+// with a lock held, or in a child that shares the host's memory.
 TEST(Cancelled, HostThreadsFinishTheirCalls)
 {
     const tLogCfg cfg = {LOG_RUN_NEW_PTHREAD, LOG_FILE_TWO, 2, LOG_SWITCH_ON, LOG_SWITCH_OFF, ""};
@@ -449,7 +450,7 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         const int client = unix_connect_soon(serv.dmNme);
         calls_watch(spare);
         for (const auto &call : calls)
-            thread([&] { // a cancel inside the call would end the whole process
+            thread([&] { // a cancel inside a call would end the process
                 SCOPED_TRACE(Message() << "call " << &call - calls);
                 pthread_cancel(pthread_self());
                 EXPECT_TRUE(call());
@@ -467,8 +468,8 @@ TEST(Cancelled, HostThreadsFinishTheirCalls)
         continue;
 }
 
-// Everything together, started and stopped over and over: log service in both modes with files that
-// rotate, server with clients that come and go, watchdog, senders, loggers, threshold changes.
+// All services together are started and stopped repeatedly: log service in both modes with
+// rotation, server with short-lived clients, watchdog client, senders, loggers, threshold changes.
 TEST(Storm, StartsAndStopsOfEverything)
 {
     static tDmnServCfg serv;
@@ -481,7 +482,7 @@ TEST(Storm, StartsAndStopsOfEverything)
     const int dog = unix_listen(dogCfg.txFeddogHtDmNme);
     fcntl(dog, F_SETFL, O_NONBLOCK);
     atomic<bool> run{true};
-    std::mutex logging; // the service changes while no line is logged
+    std::mutex logging; // no thread may log while the service starts or stops
     char text[300] = "";
     const function<void()> peers[] = {
         [&] { close(accept(dog, nullptr, nullptr)); },

@@ -4,7 +4,7 @@
 #include "calls.h"
 #include "support.h"
 
-// Another holder lets go during the back-off call number `last`; every sleep is interrupted.
+// The holder unlocks during back-off call number `last`. Every sleep is interrupted.
 TEST(Spinlock, BackOff)
 {
     vector<string> want(28, "sched_yield");

@@ -40,8 +40,8 @@ extern "C" void freeifaddrs(ifaddrs *) noexcept {}
 
 static rlimit gLimit;
 
-// Raising the limit takes a privilege that a test seldom has. A sanitizer calls this before it is
-// ready to watch it.
+// The real call needs a privilege. It is not instrumented, because a sanitizer calls it before its
+// own start-up is complete.
 extern "C" __attribute__((no_sanitize("address", "undefined", "thread"))) int
 setrlimit(__rlimit_resource_t, const rlimit *limit) noexcept
 {
@@ -58,7 +58,7 @@ TEST(Xfuncs, FailuresAreLoggedOnce)
     const struct {
         const char *name;
         bool (*holds)();
-        string fails, log; // the calls that fail, and the line about it
+        string fails, log; // the failing calls, and the log line
     } cases[] = {
         {HOLDS(!xMalloc(5)), "malloc", "malloc() err!!!!"},
         {HOLDS(!xzMalloc(5)), "calloc", "malloc() err!!!!"},
@@ -121,7 +121,7 @@ TEST(Xfuncs, BaudRatesAreThoseOfTheCLibrary)
     for (int base = 0; base <= 4000000; base += base < 5000 ? 1 : 100)
         for (const int rate : {base - 1, base, base + 1}) {
             termios line;
-            // It takes its own codes as well.
+            // cfsetspeed() also accepts the codes themselves.
             const bool code = (rate > 0 && rate < 50) || (rate > 4096 && rate < 4112);
             const bool known = !code && cfsetspeed(&line, static_cast<speed_t>(rate)) == 0;
             ASSERT_EQ(known ? cfgetospeed(&line) : ~0U, tty_get_baudrate(rate)) << rate;
@@ -132,8 +132,8 @@ TEST(Xfuncs, LinkLocalLookUp)
 {
     const struct {
         const char *iface;
-        size_t traced;    // entries
-        const char *addr; // the last one, when there is no match
+        size_t traced;    // entries in the trace
+        const char *addr; // of the match, or the last one
         string fails = "";
     } cases[] = {{"eth0", 7, "fe80::1"},
                  {"eth01", 6, "febf:ff::2"},
@@ -156,10 +156,10 @@ TEST(Xfuncs, LinkLocalLookUp)
     }
 }
 
-// Of letters and digits, or digits alone, all come; the same in each call of a second.
+// All letters and digits, or all digits, occur. Calls within one second give the same string.
 TEST(Xfuncs, RandomStrings)
 {
-    calls_watch(calls_fail("time", 0, 1)); // it stands still
+    calls_watch(calls_fail("time", 0, 1)); // the clock stands still
     for (const auto call : {gen_random_string, gen_random_number_string}) {
         char *first = call(5000);
         char *second = call(5000);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The fuzz targets, for what reads strangers' bytes; TARGET names the one to build.
+// Fuzz targets for the functions that read untrusted bytes. TARGET selects the one to build.
 #include <common/bbase64.h>
 #include <common/dmn_serv.h>
 #include <common/self_dog.h>
@@ -15,7 +15,7 @@ eLogLevl gLogLevl = LOG_LEV_OFF;
 
 using tInput = FuzzedDataProvider;
 
-// Text of any kind: its whole groups come back as they were.
+// Decodes any text. The whole groups, encoded again, must be the same text.
 static void base64(tInput &in)
 {
     const std::string text = in.ConsumeRemainingBytesAsString();
@@ -37,7 +37,7 @@ static void config(tInput &in)
     config_t cfg;
     config_init(&cfg);
     if (text.find("@include") == text.npos && config_read_string(&cfg, text.c_str())) {
-        (void)load_log_cfg(&log, "log", &cfg); // a missing group is an input like any other
+        (void)load_log_cfg(&log, "log", &cfg); // a missing group is valid input
         (void)load_dmn_serv_cfg(&server, "server", &cfg);
         (void)load_feeddog_cfg(&dog, "dog", &cfg);
     }
@@ -46,7 +46,7 @@ static void config(tInput &in)
     assert(dog.feddogNme[62] == '\0' && dog.txFeddogHtDmNme[254] == '\0');
 }
 
-// gnssd's way from bytes to sentences finds the same in pieces of them as in the whole.
+// The sentences that gnssd finds must not depend on how the input is cut into pieces.
 static std::string _sentences(std::string data, const std::string &cuts)
 {
     std::string found;
@@ -75,7 +75,7 @@ static void nmea(tInput &in)
     assert(_sentences(data, cuts) == _sentences(data, ""));
 }
 
-// A record is what its writer makes of its fields.
+// A record that was read, written again, must be the same bytes.
 static void framing(tInput &in)
 {
     std::string data = in.ConsumeRemainingBytesAsString();
