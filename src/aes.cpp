@@ -11,21 +11,21 @@ static constexpr size_t gicAesRounds = 10;
 
 typedef uint8_t state_t[4][4]; // [column][row], the order of the bytes of a block
 
-// All state kept between calls: one of each in the process, without a lock.
-static state_t *state; // the block at work, in the caller's output
-static uint8_t RoundKey[gicAesBlockLen * (gicAesRounds + 1)]; // the key expanded last
+// The state kept between calls. The process has one copy of it, without a lock.
+static state_t *state; // the current block, in the caller's output
+static uint8_t RoundKey[gicAesBlockLen * (gicAesRounds + 1)]; // the last key, expanded
 static const uint8_t *Key; // the caller's key, while it is expanded
 static const uint8_t *Iv;  // the chaining value, in the caller's memory
 
-// Multiplies each of four bytes by x: the bit that leaves at the top comes back as 0x1b.
+// Multiplies each of the four bytes by x. A bit that is shifted out is replaced by 0x1b.
 static constexpr uint32_t xtime(uint32_t x)
 {
     const uint32_t top = x & 0x80808080, rest = bytes_as_is(x & 0x7f7f7f7f);
     return rest << 1 ^ ((top - (top >> 7)) & 0x1b1b1b1b);
 }
 
-// The same for x squared: the two top bits, as a number t, come back as t * 0x1b without carries,
-// which is t ^ t << 1 ^ t << 3 ^ t << 4.
+// Multiplies by x squared. The two bits that are shifted out, as a number t, are replaced by the
+// product of t and 0x1b without carries, which is t ^ t << 1 ^ t << 3 ^ t << 4.
 static constexpr uint32_t _xtime_twice(uint32_t x)
 {
     const uint32_t top = bytes_as_is(x & 0xc0c0c0c0), rest = bytes_as_is(x & 0x3f3f3f3f);
@@ -48,14 +48,14 @@ struct tTables {
 static constexpr tTables _make_tables()
 {
     tTables tables = {};
-    uint8_t power[255] = {}, log[256] = {}; // of x + 1: its powers are all the bytes but 0
+    uint8_t power[255] = {}, log[256] = {}; // of x + 1: its powers are all bytes except 0
     for (uint32_t i = 0, value = 1; i < 255; i++, value ^= xtime(value)) {
         power[i] = static_cast<uint8_t>(value);
         log[value] = static_cast<uint8_t>(i);
     }
     for (size_t i = 0; i < 256; i++) {
         const uint32_t inverse = i == 0 ? 0 : power[(255 - log[i]) % 255];
-        const uint32_t twice = inverse * 0x101; // shifted down by n: rotated to the left by 8 - n
+        const uint32_t twice = inverse * 0x101; // a shift right by n rotates left by 8 - n
         const uint32_t image = (twice ^ twice >> 4 ^ twice >> 5 ^ twice >> 6 ^ twice >> 7) & 0xff;
         tables.sbox.of[i] = static_cast<uint8_t>(image ^ 0x63);
         tables.rsbox.of[image ^ 0x63] = static_cast<uint8_t>(i);
@@ -65,13 +65,13 @@ static constexpr tTables _make_tables()
     return tables;
 }
 
-// The boxes have sections of their own: else the compiler reaches both from one address, and adds
-// the distance at every look-up.
+// Each box has a section of its own. Otherwise the compiler addresses both from one base, and adds
+// an offset at every look-up.
 [[gnu::section(".rodata.sbox")]] static constexpr tTable gicSbox = _make_tables().sbox;
 [[gnu::section(".rodata.rsbox")]] static constexpr tTable gicRsbox = _make_tables().rsbox;
 static constexpr tConstants gicRcon = _make_tables().Rcon;
 static constexpr const uint8_t (&sbox)[256] = gicSbox.of, (&rsbox)[256] = gicRsbox.of;
-static constexpr const uint8_t (&Rcon)[255] = gicRcon.of; // from 1: the constant of that round
+static constexpr const uint8_t (&Rcon)[255] = gicRcon.of; // [i]: the constant of round i, from 1
 static_assert(sbox[0x00] == 0x63 && sbox[0x53] == 0xed && sbox[0xff] == 0x16);
 static_assert(rsbox[0x00] == 0x52 && rsbox[0xed] == 0x53 && rsbox[0xff] == 0x7d);
 static_assert(Rcon[0] == 0x8d && Rcon[1] == 0x01 && Rcon[9] == 0x1b && Rcon[10] == 0x36);
@@ -86,9 +86,9 @@ static inline uint8_t getSBoxInvert(uint32_t num)
     return rsbox[num];
 }
 
-// The steps of FIPS-197 work on a block held as four columns, each a word with row r in bits 8r to
-// 8r + 7: a rotation to the right by 8 gives each row the byte of the next one. The pragma makes
-// their loops straight code, and with it the single bytes values in registers.
+// The steps of FIPS-197 work on four columns, each a word with row r in bits 8r to 8r + 7. A
+// rotation to the right by 8 gives each row the byte of the next row. The pragma unrolls the loops,
+// so that the single bytes stay in registers.
 typedef uint32_t tColumns[4];
 
 static inline void _load_columns(tColumns &s, const uint8_t *aipcBlock)
@@ -242,7 +242,7 @@ static void _run(void (*aicpCipher)(), uint8_t *aopBlock)
     aicpCipher();
 }
 
-// The two may be the same block.
+// input and output may be the same block.
 static void BlockCopy(uint8_t *output, const uint8_t *input)
 {
     memmove(output, input, gicAesBlockLen);
@@ -254,7 +254,7 @@ static void _copy_padded(uint8_t *aopOutput, const uint8_t *aipcInput, uint32_t 
     memset(aopOutput + aicLen, 0, gicAesBlockLen - aicLen);
 }
 
-// Before any Iv was given the chaining value is a block of zeros.
+// Until an Iv is given, the chaining value is a block of zeros.
 static void XorWithIv(uint8_t *buf)
 {
     if (Iv == nullptr)

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// Both tables have sections of their own: else the compiler reaches them from one address, and adds
-// the distance at every look-up.
+// Each table has a section of its own. Otherwise the compiler addresses both from one base, and
+// adds an offset at every look-up.
 [[gnu::section(".rodata.set")]] static constexpr char b_base64_set[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 static_assert(sizeof b_base64_set == 64 + 1);
@@ -45,11 +45,12 @@ static inline void _encode_group(const unsigned char *aipcBytes, char *aopText)
     aopText[3] = b_base64_set[acc & 63];
 }
 
-// Decodes a group of four characters of the set; false for any other, which writes nothing.
+// Decodes a group of four characters of the set. For any other group, writes nothing and returns
+// false.
 static inline bool _decode_group(const char *aipcText, unsigned char *aopBytes)
 {
     uint32_t acc = 0;
-    // The -1 of a character outside the set reaches the top bit from any place.
+    // The -1 of a character outside the set sets the top bit, wherever the character is.
 #pragma GCC unroll 4
     for (size_t i = 0; i < 4; i++)
         acc =
@@ -88,7 +89,7 @@ int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t 
     const size_t rest = src_len - 3 * groups;
     const size_t dst_off = 4 * groups;
 
-    // Four groups a turn: the look-ups of one overlap with the stores of the others.
+    // Four groups in each iteration: the look-ups of one overlap with the stores of the others.
     for (; groups >= 4; groups -= 4, src += 12, dest += 16) {
 #pragma GCC unroll 4
         for (size_t i = 0; i < 4; i++)
@@ -99,7 +100,7 @@ int bbase64_encode(const unsigned char *src, size_t src_len, char *dest, size_t 
 
     if (rest == 0)
         return static_cast<int>(dst_off);
-    if (dst_len - dst_off < 4) // as it is whenever whole groups are left
+    if (dst_len - dst_off < 4) // always so if whole groups are left
         return -1;
     const unsigned char padded[3] = {src[0], rest == 2 ? src[1] : static_cast<unsigned char>(0), 0};
     _encode_group(padded, dest);

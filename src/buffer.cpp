@@ -30,13 +30,13 @@ static void _uncount(uint64_t bytes)
     uint64_t next;
     do
         next = now > bytes ? now - bytes : 0;
-    // GCOVR_EXCL_BR_START: by chance, when another thread comes between
+    // GCOVR_EXCL_BR_START: by chance, when another thread changes it first
     while (!__atomic_compare_exchange_n(&buffer_memory, &now, next, true, __ATOMIC_RELAXED,
                                         __ATOMIC_RELAXED));
     // GCOVR_EXCL_BR_STOP
 }
 
-// To a capacity of need bytes.
+// Ensures a capacity of need bytes. Returns false if that fails.
 static bool _grow(buffer_t *buf, int64_t need)
 {
     if (need > INT32_MAX)
@@ -51,7 +51,7 @@ static bool _reserve(buffer_t *buf, int64_t len)
     return buf->size - buf->used > len || _grow(buf, buf->used + len + 1);
 }
 
-// Room for it has been made.
+// Precondition: len + 1 bytes are free.
 static inline void _put(buffer_t *buf, const void *from, uint32 len)
 {
     char *const end = buf->ptr + buf->used;
@@ -61,8 +61,8 @@ static inline void _put(buffer_t *buf, const void *from, uint32 len)
     buf->used = used;
 }
 
-// The value whose bytes in memory are those of v, most or least significant first. With the loop
-// unrolled compilers see the byte swap in it.
+// The value whose bytes in memory are those of v, most or least significant first. In the unrolled
+// loop compilers recognise a byte swap.
 template <bool abBigEndian, typename T> static T _in_order(T v)
 {
     T out;
@@ -74,7 +74,7 @@ template <bool abBigEndian, typename T> static T _in_order(T v)
     return out;
 }
 
-// Out of line and a tail call: the path without growth is short and needs no stack.
+// Out of line, as a tail call: the fast path is short and needs no stack.
 template <typename T> __attribute__((noinline)) static void _write_slowly(buffer_t *buf, T v)
 {
     _write_ex(buf, &v, sizeof v);

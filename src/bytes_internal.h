@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// 32-bit words kept as bytes, in either order and at any address. The compiler makes one load or
-// store of each, with a byte swap where the order asks for it.
+// Loads and stores 32-bit words in either byte order, at any address. Compilers turn each into one
+// instruction, plus a byte swap if the order needs it.
 #pragma once
 
 #include <cstdint>
@@ -44,8 +44,8 @@ static inline uint32_t _unseen(uint32_t aiWord)
     return aiWord;
 }
 
-// Returns the word unchanged. Compilers cannot look through this, so they do not regroup a sum into
-// one that takes an instruction more.
+// Returns the word unchanged, but hides its origin from the compiler, which would otherwise regroup
+// the expression into one that takes an instruction more.
 constexpr uint32_t bytes_as_is(uint32_t aiWord)
 {
     return __builtin_is_constant_evaluated() ? aiWord : _unseen(aiWord);

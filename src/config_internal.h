@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the configuration loaders share: one member of a libconfig group into one field of a
-// record. A member that is missing or of another type leaves the field as the host preset it.
+// Shared by the configuration loaders: copies one member of a libconfig group into one field of a
+// record. If the member is missing or of another type, the field keeps the host's value.
 #pragma once
 
 #include <cstddef>

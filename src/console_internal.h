@@ -5,9 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// For a new descriptor: makes it close-on-exec. If the host has closed a standard descriptor, ours
-// may get its number and would receive console output, so it is moved above 2. Returns the
-// descriptor; -1 with errno if that fails, and for -1.
+// Makes a new descriptor close-on-exec, and moves it above 2: if the host has closed a standard
+// descriptor, the new one may have its number and would receive console output. Returns the
+// descriptor, or -1 with errno if that fails or aicFd is -1.
 __attribute__((noinline)) inline int console_leave(int aicFd)
 {
     if (aicFd > STDERR_FILENO)
@@ -16,7 +16,7 @@ __attribute__((noinline)) inline int console_leave(int aicFd)
         return aicFd;
     const int fd = fcntl(aicFd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int err = errno;
-    (void)close(aicFd); // new, with nothing in it to lose
+    (void)close(aicFd); // nothing was written to it yet
     errno = err;
     return fd;
 }

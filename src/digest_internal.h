@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// What MD5 and SHA-256 share: the buffering of pieces, the padding and the reading of a stream.
+// Shared by MD5 and SHA-256: buffering of pieces, padding, and reading of a stream.
 //
 // tDigest describes one of them:
 //   tCtx           its context, with the members total, buflen and buffer
-//   gibBigEndian   the byte order of its words, and
-//   store32        what writes one
+//   gibBigEndian   the byte order of its words
+//   store32        the function that writes a word in that order
 //   process_block  its exported function for whole blocks
 #pragma once
 
@@ -15,11 +15,11 @@
 #include <cstring>
 
 static constexpr size_t gicDigestBlockLen = 64;
-static constexpr size_t gicDigestStreamLen = 4096; // taken from a stream before it is hashed
+static constexpr size_t gicDigestStreamLen = 4096; // read from a stream before it is hashed
 
 static constexpr uint8_t fillbuf[gicDigestBlockLen] = {0x80};
 
-// The 64-bit count of bytes, low word first.
+// Adds to the 64-bit count of bytes, low word first.
 static inline void digest_add_total(uint32_t (&aopTotal)[2], uint64_t aicLen)
 {
     aopTotal[0] += static_cast<uint32_t>(aicLen);
@@ -53,7 +53,7 @@ static void digest_process_bytes(const void *aipcBuffer, size_t aiLen,
         input += add;
         aiLen -= add;
     }
-    // From here on input is left only when nothing is pending, so the buffer is free.
+    // If input is left here, no bytes are pending, so the buffer is free.
     if (aiLen >= gicDigestBlockLen) {
         if (reinterpret_cast<uintptr_t>(input) % alignof(uint32_t) == 0) {
             const size_t whole = aiLen - aiLen % gicDigestBlockLen;
@@ -78,7 +78,7 @@ static void digest_process_bytes(const void *aipcBuffer, size_t aiLen,
     }
 }
 
-// Pads what is pending and processes it: 0x80, zeros, and the length of the message in bits.
+// Pads the pending bytes with 0x80, zeros and the length of the message in bits, and hashes them.
 template <typename tDigest> static void digest_conclude(typename tDigest::tCtx *aopCtx)
 {
     const size_t bytes = aopCtx->buflen;
@@ -118,6 +118,6 @@ static int digest_stream(FILE *aipStream, void *aopResult, void (*aicpInit)(tCtx
         }
     }
     digest_process_bytes<tDigest>(chunk, sum, &ctx);
-    (void)aicpFinish(&ctx, aopResult); // aopResult again
+    (void)aicpFinish(&ctx, aopResult); // returns aopResult
     return 0;
 }

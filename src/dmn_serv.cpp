@@ -20,22 +20,22 @@ static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 static constexpr int gicBacklog = 40;
 static constexpr int gicAcceptPauseMs = 20;
 
-// The host's: written by init and exit.
+// Written by init and exit, on the host's thread.
 static pthread_t giDmnServPthdId;
 static tService giServ = {-1, nullptr, false};
 
-// The server thread's; after the join the exit call's.
+// Used by the server thread, and after the join by the exit call.
 static event_base *gipPthdEtBse;
 static int giServTcpFd = -1;
 static event *gipTcpServEt;
-static int giLoneFd = -1; // the connection of a client that is not in the registry yet, or no more
+static int giLoneFd = -1; // connection of a client that is not yet, or no longer, in the registry
 
 // The registry, oldest connection first. Senders may call at any time, so its lock lives as long as
-// the library. A steady stream of senders must not delay a new client or a stop, so a sender that
-// has not begun backs off while a writer waits.
+// the library. A steady stream of senders must not delay a new client or a stop, so a new sender
+// backs off while a writer waits.
 static list_head giContCltHd = LIST_HEAD_INIT(giContCltHd);
 static pthread_rwlock_t giContCltLk = PTHREAD_RWLOCK_INITIALIZER;
-static bool gibContCltWait; // under the lock on descriptors, so there is one writer at a time
+static bool gibContCltWait; // set under the lock on descriptors, so by one writer at a time
 
 static int _try_send(pthread_rwlock_t *aiopLk)
 {
@@ -63,19 +63,20 @@ static void _registry_unlock(int aicWas)
 static void _rx_client_msg_cb(int aiFd, short, void *aipArg)
 {
     char buf[256] = {};
-    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent hands a callback what it was given
+    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent passes the argument of event_new()
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
         return;
     } // GCOVR_EXCL_STOP
     const ssize_t got = read(aiFd, buf, sizeof buf - 1);
     if (got > 0)
-        return; // the channel runs one way
+        return; // the channel is one-way
     if (got == -1)
         LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
     else
         LOG_MSG(LOG_LEV_OFF, "Remote close------\n");
 
-    // Leaves the registry before the descriptor closes, so no sender writes to a reused descriptor.
+    // The client leaves the registry before its descriptor closes, so that no sender writes to a
+    // reused descriptor.
     tClitNetCon *pClit = static_cast<tClitNetCon *>(aipArg);
     const int was = _registry_lock();
     list_del_init(&pClit->hnode);
@@ -111,7 +112,7 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
     pClit->fd = aicAcptFd;
     _server_set_nonblock(pClit->fd);
     if (pClit->fd == 0)
-        service_set_nonblock(pClit->fd); // no options for it, but no broadcast may wait for it
+        service_set_nonblock(pClit->fd); // the call above refuses 0; a broadcast must not wait
     pClit->pClitEt =
         event_new(aipcEtBse, pClit->fd, EV_READ | EV_PERSIST, _rx_client_msg_cb, pClit);
     if (pClit->pClitEt == nullptr) {
@@ -119,7 +120,7 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
         free(pClit);
         return;
     }
-    (void)event_add(pClit->pClitEt, nullptr); // without it the client is served until the stop
+    (void)event_add(pClit->pClitEt, nullptr); // if this fails, the client is served until the stop
     const int was = _registry_lock();
     list_add_tail(&pClit->hnode, &giContCltHd);
     giLoneFd = -1;
@@ -128,7 +129,7 @@ static void _init_client_conn(const int aicAcptFd, event_base *const aipcEtBse)
 
 static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
 {
-    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent hands a callback what it was given
+    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent passes the argument of event_new()
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
         return;
     } // GCOVR_EXCL_STOP
@@ -145,7 +146,7 @@ static void _server_tcp_accept_client_cb(int aiFd, short, void *aipArg)
         return;
     }
     _init_client_conn(giLoneFd, static_cast<event_base *>(aipArg));
-    service_close(&giLoneFd); // unless the registry has it now
+    service_close(&giLoneFd); // does nothing if the registry has it
 }
 
 // --- start and stop ---------------------------------------------------------------------------
@@ -172,7 +173,7 @@ static void _dmn_server_release()
 }
 
 // The records leak: they are few, and a child is usually short-lived. A sender may have held the
-// lock at the fork, so the lock is made anew.
+// lock at the fork, so the lock is initialised again.
 static void _dmn_server_forget()
 {
     service_forget(&giServ, &giDmnServPthdId, &gipPthdEtBse);
@@ -183,7 +184,7 @@ static void _dmn_server_forget()
     list_head *pAhead = nullptr;
     list_for_each_safe(pNode, pAhead, &giContCltHd)
     {
-        (void)close(reinterpret_cast<tClitNetCon *>(pNode)->fd); // the parent's goes on
+        (void)close(reinterpret_cast<tClitNetCon *>(pNode)->fd); // the parent keeps its own
     }
     giContCltHd = LIST_HEAD_INIT(giContCltHd);
     giContCltLk = PTHREAD_RWLOCK_INITIALIZER;
@@ -238,7 +239,7 @@ int _dmn_server_init(event_base *aipEtBse, tDmnServCfg *aipcDmnServCfg)
     sockaddr_un addr;
     const socklen_t addrLen = service_address(&addr, aipcDmnServCfg->dmNme);
     if (addrLen != 0)
-        (void)unlink(aipcDmnServCfg->dmNme); // mostly there is nothing; bind tells the rest
+        (void)unlink(aipcDmnServCfg->dmNme); // usually there is no file; bind() reports failures
     if (addrLen == 0 || bind(giServTcpFd, reinterpret_cast<sockaddr *>(&addr), addrLen) == -1) {
         LOG_MSG(LOG_LEV_ERROR, "bind() err, msg=%s!!!!!!\n", strerror(errno));
         return -ERR_SOCKET_BIND_DMN;
@@ -290,7 +291,7 @@ int dmn_serv_tx_clit_msg(char *const aipcMsg, const int aicMsgLen)
 
 int dmn_server_exit(void)
 {
-    const int was = thread_defer_cancel(); // a stop is done whole, and leaves no lock behind
+    const int was = thread_defer_cancel(); // no cancel may interrupt a stop
     if (giDmnServPthdId != 0) {
         LOG_MSG(LOG_LEV_OFF, "Wait _dmn_server_func_pth() pthread stop------\n");
         service_stop(&giServ, giDmnServPthdId);

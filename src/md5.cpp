@@ -30,8 +30,8 @@ static constexpr uint32_t gicSine[64] = {
 static constexpr unsigned gicShift[4][4] = {
     {7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
-// The roles of the four words turn by one each step; all of them, the constants and the message
-// word are known at compile time.
+// The four words rotate their roles in each step. The roles, the constants and the index of the
+// message word are known at compile time.
 template <size_t i>
 [[gnu::always_inline]] static inline void _step(uint32_t (&aoState)[4], const uint8_t *aipcBlock)
 {
@@ -49,8 +49,8 @@ template <size_t i>
     if constexpr (round == 0) {
         a += d ^ (b & (c ^ d)); // F: b selects from c and d
     } else if constexpr (round == 1) {
-        // G: d selects from b and c. The halves share no bit, so they can be added one by one;
-        // the last step's result b then enters only the second addition.
+        // G: d selects from b and c. The two halves have no bit in common, so they can be added
+        // separately. Only the second addition then waits for b, the result of the last step.
         a += c & ~d;
         a += b & d;
     } else if constexpr (round == 2) {

@@ -12,8 +12,8 @@
 // The ceiling for log lines of this module, which has none so far.
 [[maybe_unused]] static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 
-static int *pids;      // by descriptor of the stream: its shell's process ID, or 0
-static int giPidsSize; // slots in it
+static int *pids;      // the shell's process ID or 0, indexed by the descriptor of the stream
+static int giPidsSize; // number of slots in pids
 
 static bool _make_table()
 {
@@ -22,8 +22,8 @@ static bool _make_table()
     const int size = getdtablesize();
     if (size <= 0)
         return false;
-    // calloc() returns pages that stay unused until a slot on them is written. With a limit of a
-    // thousand million descriptors, malloc() and clearing would use gigabytes.
+    // The pages that calloc() returns take no memory until a slot on them is written. With a limit
+    // of a thousand million descriptors, malloc() and clearing would use gigabytes.
     pids = static_cast<int *>(calloc(static_cast<size_t>(size), sizeof *pids));
     if (pids == nullptr)
         return false;
@@ -38,20 +38,19 @@ static int *_slot(FILE *aipStream)
     return fd >= 0 && fd < giPidsSize ? &pids[fd] : nullptr;
 }
 
-// Starts the shell with aicTheirs as its aicStdFd and without aicOwn. Until the shell runs, the
-// child works on the parent's memory: it must not write to that memory, and must not return from
-// this function.
+// Starts the shell with aicTheirs as its aicStdFd and aicOwn closed. Until the shell runs, the
+// child shares the parent's memory: it must not write to it, nor return from this function.
 static pid_t _start_shell(const char *aipcProgram, int aicOwn, int aicTheirs, int aicStdFd)
 {
     const pid_t pid = vfork();
     if (pid != 0)
         return pid;
     if (aicTheirs != aicStdFd) {
-        if (dup2(aicTheirs, aicStdFd) < 0) // GCOVR_EXCL_BR_LINE: a pipe's end goes anywhere
+        if (dup2(aicTheirs, aicStdFd) < 0) // GCOVR_EXCL_BR_LINE: a pipe's end can be copied
             _exit(127);                    // GCOVR_EXCL_LINE
         (void)close(aicTheirs);            // a pipe's end has nothing to report
     }
-    // A host that had closed aicStdFd may have got it back as its own end; dup2() replaced it.
+    // If the host had closed aicStdFd, aicOwn may be that number, and dup2() has replaced it.
     if (aicOwn != aicStdFd)
         (void)close(aicOwn);
     (void)execl("/bin/sh", "sh", "-c", aipcProgram, static_cast<char *>(nullptr));
@@ -76,7 +75,7 @@ FILE *popen2(char *program, char *type)
         return nullptr;
     if (!_make_table())
         return nullptr;
-    int ends[2]; // not close-on-exec: an end that already is the standard descriptor is inherited
+    int ends[2]; // not close-on-exec: an end that is already the standard descriptor stays open
     if (pipe(ends) != 0)
         return nullptr;
     const int own = ends[bReads ? 0 : 1];
@@ -104,8 +103,8 @@ int pclose2(FILE *iop)
     if (pSlot == nullptr || *pSlot == 0)
         return -1;
     const int errBefore = errno;
-    const int was = thread_defer_cancel(); // or a cancelled close would leave the slot behind
-    (void)fclose(iop);                     // what the command did not take is lost with it
+    const int was = thread_defer_cancel(); // a cancel in fclose() would leave the slot in use
+    (void)fclose(iop);                     // data that the command did not read is lost
 
     sigset_t held;
     sigset_t before;

@@ -9,8 +9,8 @@
 
 #include <pthread.h>
 
-// Repeats the try until it gives 0. No cancellation point. Out of line: the uncontended path must
-// not pay for what waiting needs.
+// Repeats the try until it returns 0. Not a cancellation point. Out of line: the uncontended path
+// must not save the registers that waiting needs.
 void rwlock_wait(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk);
 
 static inline void rwlock_take(int (*aicpTry)(pthread_rwlock_t *), pthread_rwlock_t *aiopLk)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A timeval for libevent is as wide as libevent's own, whatever the rest of the library uses.
+// Here timeval is as wide as in libevent, whatever its width in the rest of the library.
 #include <event2/event-config.h>
 #if EVENT__SIZEOF_TIME_T == 4
 #undef _TIME_BITS
@@ -24,11 +24,11 @@ static_assert(sizeof(time_t) == EVENT__SIZEOF_TIME_T);
 
 static constexpr eLogLevl gicDbLev = LOG_LEV_ERROR;
 
-// The host's: written by init and exit.
+// Written by init and exit, on the host's thread.
 static pthread_t giFeddogPthdId;
 static tService giServ = {-1, nullptr, false};
 
-// The client thread's; after the join the exit call's.
+// Used by the client thread, and after the join by the exit call.
 static event_base *gipFedDogEtBse;
 static int giFeddogFd = -1;
 static event *gipRxFeddogEt;
@@ -52,7 +52,7 @@ static timeval _heartbeat_period(const tFeddogCfg *aicpcCfg)
 static void _tx_feeddog_ht_timer_cb(int, short, void *aipArg)
 {
     char buf[128] = {};
-    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent hands a callback what it was given
+    if (aipArg == nullptr) { // GCOVR_EXCL_START: libevent passes the argument of event_new()
         LOG_MSG(LOG_LEV_ERROR, "aipArg err!!!!\n");
         return;
     } // GCOVR_EXCL_STOP
@@ -71,7 +71,7 @@ static void _rx_feeddog_data_cb(int aiFd, short, void *)
     char buf[128] = {};
     const ssize_t got = read(aiFd, buf, sizeof buf - 1);
     if (got > 0)
-        return; // nothing is defined that the watchdog could say
+        return; // the protocol defines no data from the watchdog
     if (got == -1)
         LOG_MSG(LOG_LEV_ERROR, "read() err, msg:%s!!!!\n", strerror(errno));
     else
@@ -160,7 +160,7 @@ int load_feeddog_cfg(tFeddogCfg *const aopcFedDog, const char *const aicpcDogCfg
 int _feed_dog_init(event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg)
 {
     // A heartbeat to a watchdog that has just gone must fail without ending the process. A failed
-    // write signals the writing thread, which is this one.
+    // write sends SIGPIPE to the writing thread, which is this one.
     sigset_t sigPipe;
     sigemptyset(&sigPipe);
     sigaddset(&sigPipe, SIGPIPE);
@@ -177,14 +177,14 @@ int _feed_dog_init(event_base *aipEtBse, tFeddogCfg *aipcFeddogCfg)
         LOG_MSG(LOG_LEV_ERROR, "event_new() err!!!!\n");
         return -ERR_EVENT_NEW_DOG;
     }
-    (void)event_add(gipRxFeddogEt, nullptr); // without it a watchdog's leaving goes unnoticed
+    (void)event_add(gipRxFeddogEt, nullptr); // if this fails, the watchdog's end is not noticed
     gipTxFeddogHtEt = event_new(aipEtBse, -1, 0, _tx_feeddog_ht_timer_cb, aipcFeddogCfg);
     if (gipTxFeddogHtEt == nullptr) {
         LOG_MSG(LOG_LEV_ERROR, "evtimer_new() err!!!!\n");
         return -ERR_EVENT_NEW_DOG;
     }
     const timeval period = _heartbeat_period(aipcFeddogCfg);
-    (void)event_add(gipTxFeddogHtEt, &period); // fails without memory: then nothing is ever sent
+    (void)event_add(gipTxFeddogHtEt, &period); // fails without memory: then no heartbeat is sent
     return SUCCESS_DOG;
 }
 
@@ -200,7 +200,7 @@ int self_feddog_init(tFeddogCfg *const aipcFeddogCfg)
 
 int self_feddog_exit(void)
 {
-    const int was = thread_defer_cancel(); // a stop is done whole
+    const int was = thread_defer_cancel(); // no cancel may interrupt a stop
     if (giFeddogPthdId != 0) {
         LOG_MSG(LOG_LEV_OFF, "Wait _feddog_func_pth() pthread stop------\n");
         service_stop(&giServ, giFeddogPthdId);

@@ -28,24 +28,24 @@ static constexpr size_t gicNmeBytes = 256;
 
 // Written only by init and exit, which run while no other thread logs.
 static tLogCfg giLogCfg;
-static tLogCfg *gipLogCfg; // null until a record was given
+static tLogCfg *gipLogCfg; // null until a record is installed
 
 // Guarded by giSvLogLk.
 static pthread_mutex_t giSvLogLk = PTHREAD_MUTEX_INITIALIZER;
 static FILE *gipLogFp;
 static int giLogWriteCnt;              // writes into the open file
 static int giLogFileBkupCnt;           // names formed in the mode of two files
-static int giLogPpFdAry[2] = {-1, -1}; // read without it
+static int giLogPpFdAry[2] = {-1, -1}; // also read without it
 
 // The writer thread. It starts before the pipe exists.
 static pthread_t giLogPthdId;
 static bool gibWlRunFlg;
-static char rxBuf[gicLnBytes]; // the writer thread's, and the exit call's once that is joined
+static char rxBuf[gicLnBytes]; // of the writer thread, and after the join of the exit call
 
 // The number of callers that use the pipe. A caller increments it and then tests whether the pipe
 // is open; the exit call marks the pipe as shut and then reads the count. So once the count is 0,
 // no caller uses the descriptors that are closed. A caller that finds the pipe shut before it
-// increments does not increment, so the count reaches 0 even if threads go on logging. The file
+// increments does not increment, so the count reaches 0 even if threads keep logging. The file
 // needs no count: it is used and closed under its lock.
 static bool gibLogPpOpn;
 static int giLogUsers;
@@ -72,7 +72,7 @@ static pid_t giLogOwner; // the process that called log_system_init()
 
 static bool _may_rotate()
 {
-    // GCOVR_EXCL_BR_START: EPERM, when the number has become another user's
+    // GCOVR_EXCL_BR_START: EPERM, if a process of another user has the number
     return getpid() == giLogOwner || (kill(giLogOwner, 0) == -1 && errno == ESRCH);
     // GCOVR_EXCL_BR_STOP
 }
@@ -111,9 +111,9 @@ static void _close_log_pipe_end(int *aiopFd)
     _poke(aiopFd, -1);
 }
 
-// Leaves aicEnds ends of the pipe open: both of a new one, the write end, or none. Returns -1 with
-// errno if there is no pipe. A fork waits for the lock, so a child knows which ends it has to
-// close. (Cold, like all of start and stop: here size matters more than speed.)
+// Leaves aicEnds ends of the pipe open: 2 makes a new pipe, 1 keeps the write end, 0 closes both.
+// Returns -1 with errno if there is no pipe. A fork waits for the lock, so a child knows which ends
+// it has to close. (Cold, like all of start and stop: here size matters more than speed.)
 __attribute__((cold)) static int _set_log_pipe(int aicEnds)
 {
     (void)pthread_mutex_lock(&giSvLogLk);
@@ -142,7 +142,7 @@ static void _log_in_child()
     _log_after_fork();
     giLogPthdId = 0;
     giLogUsers = 0;
-    (void)_set_log_pipe(gibLogPpOpn ? 1 : 0); // the owner alone reads
+    (void)_set_log_pipe(gibLogPpOpn ? 1 : 0); // only the owner reads
 }
 
 // Runs before the constructors of a host that is linked with the archive: fork handlers registered
@@ -155,9 +155,9 @@ __attribute__((constructor(101))) static void _log_meet_forks()
 
 // --- a line's time ----------------------------------------------------------------------------
 
-// The cached second: its number times 2^17 plus its local time of day, in which an hour has 64
-// minutes and a minute 64 seconds, as leap seconds make a second of 60 possible. Other lines of the
-// same second use it. The initial value matches no second of a clock.
+// The last second in which a line was logged: its number times 2^17, plus its local time of day.
+// There an hour counts 64 minutes and a minute 64 seconds, because a leap second has number 60.
+// Other lines of the same second use it. The initial value matches no second.
 static uint64_t giLogClock = 1ULL << 63;
 
 static unsigned _time_of_day(time_t aicSec)
@@ -222,7 +222,7 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 
 // --- files ------------------------------------------------------------------------------------
 
-// A count goes on beyond INT_MAX without undefined behaviour, and the two names still alternate.
+// Counts beyond INT_MAX without undefined behaviour, and so that the two names still alternate.
 static int _next_count(int aicCnt)
 {
     return static_cast<int>(static_cast<uint32_t>(aicCnt) + 1);
@@ -243,7 +243,7 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
     const time_t now = time(nullptr);
     tm local = {};
     (void)pthread_mutex_lock(&gThreadLibcLk);
-    (void)localtime_r(&now, &local); // fails for years beyond an int; zeros will do
+    (void)localtime_r(&now, &local); // fails for years beyond an int: then zeros
     const int chance = static_cast<int>(random() % 100000);
     (void)pthread_mutex_unlock(&gThreadLibcLk);
     return snprintf(aoNme, gicNmeBytes - 1, "%s-%04d-%02d-%02d-%02d-%02d-%02d-%06d.log",
@@ -293,8 +293,8 @@ static void _log_file_rotate()
     printf("logSaveMaxCnt=%d\n", static_cast<int>(giLogCfg.logSaveMaxCnt));
     puts("rotate start");
     char nme[gicNmeBytes];
-    (void)_next_log_name(nme); // init has refused every naming that gives none
-    (void)_open_log_file(nme); // reported; without a file output goes on at the console
+    (void)_next_log_name(nme); // init has refused an unknown fileMod
+    (void)_open_log_file(nme); // reports a failure, which ends file output
 }
 
 // --- a line's delivery ------------------------------------------------------------------------
@@ -321,7 +321,7 @@ static void _process_log_msg(const char *aipcMsg)
         _write_log_file(aipcMsg);
 }
 
-// Writes into the owner's pipe. Its reader may have gone, which must not raise SIGPIPE here.
+// Writes into the owner's pipe. If its reader has ended, this must not raise SIGPIPE.
 static void _write_owners_pipe(int aicFd, const char *aipcMsg)
 {
     sigset_t sigPipe;
@@ -333,7 +333,7 @@ static void _write_owners_pipe(int aicFd, const char *aipcMsg)
     // GCOVR_EXCL_BR_START: by chance, when the pipe is full
     if (write(aicFd, aipcMsg, strlen(aipcMsg)) == -1 && errno == EPIPE)
         // GCOVR_EXCL_BR_STOP
-        (void)sigtimedwait(&sigPipe, nullptr, &now); // there is none if it is ignored
+        (void)sigtimedwait(&sigPipe, nullptr, &now); // finds none if it is ignored
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -346,7 +346,7 @@ static void _deliver(const char *aipcMsg)
     if (!_peek(&gibLogPpOpn))
         return;
     (void)__atomic_add_fetch(&giLogUsers, 1, __ATOMIC_ACQUIRE);
-    // GCOVR_EXCL_BR_START: by chance, when the exit comes after the first look
+    // GCOVR_EXCL_BR_START: by chance, when the pipe is shut after the first test
     const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[1]) : -1;
     if (fd != -1 && _peek(&giLogPpFdAry[0]) == -1)
         _write_owners_pipe(fd, aipcMsg);
@@ -359,7 +359,7 @@ static void _deliver(const char *aipcMsg)
 // --- the writer thread ------------------------------------------------------------------------
 
 // Waits at most 100 ms for data in the pipe, whose read end may not exist yet. A cancel takes
-// effect only here: the thread holds nothing, and has taken nothing out of the pipe.
+// effect only here: the thread holds no lock and no data from the pipe.
 static int _wait_log_pipe(int aicFd)
 {
     // Not on the stack: a cancel unwinds the frame in a way that the address sanitizer does not
@@ -378,8 +378,8 @@ static int _wait_log_pipe(int aicFd)
     return ready;
 }
 
-// Takes one chunk out of the pipe, whole lines or a part of one, and delivers it. Returns its
-// length, or 0 or less after a failure.
+// Reads one chunk from the pipe, which may begin and end within a line, and delivers it. Returns
+// its length, or 0 or less after a failure.
 static ssize_t _rx_log_chunk(int aicFd)
 {
     memset(rxBuf, 0, sizeof rxBuf);
@@ -400,12 +400,12 @@ static void *_rx_log_func_pth(void *)
         const int fd = _log_pipe_open() ? _peek(&giLogPpFdAry[0]) : -1;
         const int ready = _wait_log_pipe(fd);
         if (ready > 0) {
-            (void)_rx_log_chunk(fd); // reported; the loop goes on
+            (void)_rx_log_chunk(fd); // reports a failure; the loop continues
         } else if (ready == -1) {
             const bool bAgain = errno == EINTR;
             printf("select()=-1, msg:%s!!!!\n", strerror(errno));
             if (!bAgain)
-                (void)_wait_log_pipe(-1); // the next turn will hardly fare better
+                (void)_wait_log_pipe(-1); // the next select() would fail too: pause
         }
     }
     pthread_exit(const_cast<char *>("_rx_log_func_pth() exit"));
@@ -467,9 +467,9 @@ static void _stop_log_thread()
 }
 
 // Waits until no caller uses the pipe. It keeps reading, because callers may wait for room in the
-// pipe. It gives up when none has finished for half a second: the signal handler that called the
-// exit may have interrupted one. The limit is 250 turns and not a deadline, which an overloaded
-// machine would miss.
+// pipe. It gives up when none has finished for half a second: the exit may run in
+// a signal handler that interrupted a caller. The limit is 250 turns and not a deadline, which an
+// overloaded machine would miss.
 static void _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
@@ -490,17 +490,17 @@ static void _wait_for_users(int aicRxFd)
 __attribute__((cold)) static void _release_log()
 {
     _poke(&gibLogPpOpn, false);
-    const int fd = giLogPpFdAry[0]; // the thread that read it has gone
+    const int fd = giLogPpFdAry[0]; // the thread that read it has ended
     _wait_for_users(fd);
-    // Delivers the contents of the pipe, and no more: a forked child may still write into it.
+    // Delivers only what the pipe contains now: a forked child may still write into it.
     int left = 0;
-    (void)ioctl(fd, FIONREAD, &left); // a pipe knows it; without one there is nothing
-    // GCOVR_EXCL_BR_START: the pipe holds what it has counted
+    (void)ioctl(fd, FIONREAD, &left); // cannot fail on a pipe; without one left stays 0
+    // GCOVR_EXCL_BR_START: the pipe contains what FIONREAD counted
     for (ssize_t len = 1; left > 0 && len > 0; left -= static_cast<int>(len))
         // GCOVR_EXCL_BR_STOP
         len = _rx_log_chunk(fd);
 
-    _poke(&giLogCfg.fileLogSwt, LOG_SWITCH_OFF); // or threads that go on logging keep the lock busy
+    _poke(&giLogCfg.fileLogSwt, LOG_SWITCH_OFF); // or threads that still log keep the lock busy
     (void)pthread_mutex_lock(&giSvLogLk);
     if (gipLogFp != nullptr)
         (void)fclose(gipLogFp); // flushed at every write
@@ -515,7 +515,7 @@ __attribute__((cold)) static void _release_log()
 void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFuncNme,
              const int aicLnNum, const char *format, ...)
 {
-    const int err = errno; // hosts log first and look at it afterwards
+    const int err = errno; // hosts read it after they have logged
     // A host may cancel its own threads: a cancelled one must not leave a lock held or a count
     // raised.
     const int was = thread_defer_cancel();
@@ -583,7 +583,7 @@ __attribute__((cold)) int log_system_init(const tLogCfg *aipcLogCfg)
         puts("aipcLogCfg=NULL");
         return -ERR_LOG_PARM_CONT;
     }
-    const int was = thread_defer_cancel(); // a start is done whole
+    const int was = thread_defer_cancel(); // no cancel may interrupt a start
     gipLogCfg = &giLogCfg;
     giLogCfg = *aipcLogCfg;
     giLogOwner = getpid();
@@ -600,7 +600,7 @@ __attribute__((cold)) int log_system_init(const tLogCfg *aipcLogCfg)
     else if (ret == LOG_SUCCESS)
         puts("Log no create pthread");
     thread_restore_cancel(was);
-    return ret; // the file lock is usable from the program's start on
+    return ret;
 }
 
 __attribute__((cold)) int log_system_exit(void)

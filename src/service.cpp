@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #ifndef SO_PASSRIGHTS
-#define SO_PASSRIGHTS 83 // of Linux 6.16; others refuse it
+#define SO_PASSRIGHTS 83 // since Linux 6.16; older kernels refuse it
 #endif
 
 static pthread_mutex_t giServFdLk = PTHREAD_MUTEX_INITIALIZER;
@@ -52,7 +52,7 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
     service_unlock(was);
     if (aopServ->WakeFd == -1)
         return errno;
-    // A failing call may leave any value in its result, so it gets a variable of its own.
+    // pthread_create() may write any value to its result when it fails, so use a local variable.
     pthread_t id = 0;
     err = pthread_create(&id, nullptr, aiEntry, aipArg);
     if (err == 0)
@@ -65,14 +65,14 @@ int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void
 void service_stop(tService *aiopServ, pthread_t aiPthdId)
 {
     (void)pthread_cancel(aiPthdId);           // harmless if the thread has ended
-    (void)eventfd_write(aiopServ->WakeFd, 1); // its counter has room for every stop
+    (void)eventfd_write(aiopServ->WakeFd, 1); // the counter has room for every stop
     (void)pthread_join(aiPthdId, nullptr);
     service_close(&aiopServ->WakeFd);
 }
 
 event_base *service_base(const tService *aipcServ)
 {
-    int fds[3]; // epoll, and the two of its signal pipe
+    int fds[3]; // for epoll and both ends of the signal pipe
     const int was = service_lock();
     for (int &fd : fds)
         fd = fcntl(aipcServ->WakeFd, F_DUPFD_CLOEXEC, 0);
@@ -91,7 +91,7 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
         return false;
     bool bArmed = event_add(pWakeEt, nullptr) == 0;
     if (bArmed)
-        (void)event_base_dispatch(aipEtBse); // however it ended, the service is over
+        (void)event_base_dispatch(aipEtBse); // the service ends, whatever the result
     event_free(pWakeEt);
     return bArmed;
 }
@@ -99,7 +99,7 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse)
 void service_end(const tService *aipcServ, const char *aicpcText)
 {
     if (aipcServ->bStop)
-        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // here it takes effect
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // a cancel takes effect here
     pthread_exit(const_cast<char *>(aicpcText));
 }
 
@@ -120,7 +120,7 @@ void service_drop(int *aiopFd)
 {
     if (*aiopFd == -1)
         return;
-    (void)close(*aiopFd); // a local stream socket, or an eventfd, has nothing left to report
+    (void)close(*aiopFd); // a local socket or an eventfd has nothing left to report
     *aiopFd = -1;
 }
 
@@ -186,7 +186,7 @@ void service_free_base(event_base **aiopEtBse)
     if (*aiopEtBse == nullptr)
         return;
     (void)event_base_loopbreak(*aiopEtBse);
-    const int was = service_lock(); // libevent may take one here that is the whole process's
+    const int was = service_lock(); // no fork while libevent may hold a global lock
     event_base_free(*aiopEtBse);
     *aiopEtBse = nullptr;
     service_unlock(was);

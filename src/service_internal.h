@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// What the two event-loop services share: starting and stopping their thread, and their sockets.
+// Shared by the two event-loop services: start and stop of their threads, and their sockets.
 //
-// The thread of a service disables cancellation. The exit call first cancels it, which stays
-// pending, and then wakes its loop through an eventfd. The loop ends in libevent's own way, so no
-// lock of libevent stays held, and the cancel takes effect in service_end(), where the thread holds
-// nothing. The eventfd exists before the thread does, so a stop may come at any moment.
+// The thread of a service disables cancellation. The exit call first cancels it, so that a cancel
+// is pending, and then wakes its loop through an eventfd. The loop ends in libevent's own way, so
+// no lock of libevent stays held, and the cancel takes effect in service_end(), where the thread
+// holds no lock. The eventfd exists before the thread, so the exit may be called at any moment.
 //
 // A child made by fork() does not have the threads and must not use their state. It forgets their
 // event bases, events and records: deleting an event would remove it from the epoll set that the
-// child shares with its parent. It closes their descriptors. To know them all, each descriptor is
-// made, handed over and closed under the lock below, for which a fork waits. No line is logged
-// under that lock.
+// child shares with its parent. It closes their descriptors. So that it knows them all, each
+// descriptor is made, stored and closed under the lock below, for which a fork waits. No line is
+// logged under that lock.
 #pragma once
 
 #include <pthread.h>
@@ -23,18 +23,18 @@ struct event_base;
 struct tService {
     int WakeFd;         // eventfd; -1 while there is no thread
     event_base *pEtBse; // the base that service_dispatch() runs
-    bool bStop;         // the exit call has woken the loop; only the service thread looks
+    bool bStop;         // the exit call has woken the loop; used by the service thread only
 };
 
 // Starts the thread and stores its identifier, which stays 0 on failure. Returns 0 or an error
-// number. Called by the exit call's thread, as is service_stop().
+// number. Call it and service_stop() on the thread of init and exit.
 int service_start(tService *aopServ, pthread_t *aopPthdId, void *(*aiEntry)(void *), void *aipArg);
 
 // Cancels, wakes and joins the thread.
 void service_stop(tService *aiopServ, pthread_t aiPthdId);
 
 // On the thread: makes a base, or returns null. libevent ends the process if it lacks the
-// descriptors that a base needs, so it is called only while that many are free.
+// descriptors that a base needs, so the function first checks that they are free.
 event_base *service_base(const tService *aipcServ);
 
 // On the thread: runs the base until the loop fails or the exit call wakes it. Returns false, with
@@ -46,11 +46,11 @@ bool service_dispatch(tService *aiopServ, event_base *aipEtBse);
 [[noreturn]] void service_end(const tService *aipcServ, const char *aicpcText);
 
 // Takes the lock on descriptors, with cancellation disabled. Pass the result to service_unlock().
-__attribute__((noinline)) int service_lock(); // small code matters more than a call
+__attribute__((noinline)) int service_lock(); // size matters more than speed here
 __attribute__((noinline)) void service_unlock(int aicWas);
 
-// In a forked child, which has one thread and needs no lock: closes a descriptor; closes the
-// wake-up and forgets thread and base.
+// For a forked child, which has one thread and needs no lock: service_drop() closes a descriptor,
+// service_forget() closes the eventfd and forgets thread and base.
 void service_drop(int *aiopFd);
 void service_forget(tService *aiopServ, pthread_t *aiopPthdId, event_base **aiopEtBse);
 

@@ -27,9 +27,8 @@ static constexpr uint32_t sha256_round_constants[64] = {
     0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2,
 };
 
-// The schedule is expanded four words at a time in vectors, so that the rounds, which need nearly
-// all of the target's registers, share them with nothing. A compiler without vectors makes words of
-// them.
+// The schedule is expanded four words at a time in vectors, because the rounds need nearly all of
+// the target's other registers. Without vector instructions compilers use single words instead.
 typedef uint32_t tTwo __attribute__((vector_size(8)));
 typedef uint32_t tFour __attribute__((vector_size(16)));
 typedef uint64_t tHalves __attribute__((vector_size(16)));
@@ -49,8 +48,9 @@ static inline tTwo _sigma1(tTwo w)
     return w >> 17 ^ w << 15 ^ w >> 19 ^ w << 13 ^ w >> 10;
 }
 
-// The four words after the last sixteen, which are given oldest first. Each needs the one two
-// places before it, so they come in two halves. A call costs less than this code twelve times.
+// Returns the next four words of the schedule from the last sixteen, oldest first. Each word needs
+// the one two places before it, so they are computed in two halves. Not inline: a call costs less
+// than twelve copies of this code.
 [[gnu::noinline]] static tFour _next_words(tFour aiW16, tFour aiW12, tFour aiW8, tFour aiW4)
 {
     const tFour w15 = {aiW16[1], aiW16[2], aiW16[3], aiW12[0]};
@@ -62,7 +62,7 @@ static inline tTwo _sigma1(tTwo w)
         tHalves{reinterpret_cast<uint64_t>(first), reinterpret_cast<uint64_t>(second)});
 }
 
-// Not inline: else all loads come first, and most of what they bring is spilled.
+// Not inline: otherwise compilers put all loads first, and spill most of the words.
 [[gnu::noinline]] static void _load_block(uint32_t (&aoWords)[16], const uint8_t *aipcBlock)
 {
 #pragma GCC unroll 4
@@ -70,7 +70,7 @@ static inline tTwo _sigma1(tTwo w)
         aoWords[i] = bytes_load_be32(aipcBlock + 4 * i);
 }
 
-// Round i of FIPS 180-4, 6.2.2. The roles of the eight words turn by one each round; they and the
+// Round i of FIPS 180-4, 6.2.2. The eight words rotate their roles in each round. The roles and the
 // constant are known at compile time.
 template <size_t i>
 [[gnu::always_inline]] static inline void _round(uint32_t (&aoState)[8], uint32_t &aoBxorC,
@@ -80,7 +80,7 @@ template <size_t i>
     const uint32_t e = aoState[(68 - i) % 8], f = aoState[(69 - i) % 8], g = aoState[(70 - i) % 8];
     uint32_t &d = aoState[(67 - i) % 8], &h = aoState[(71 - i) % 8];
 
-    // ROTR 6, 11, 25 of e and ROTR 2, 13, 22 of a; the outer rotation comes free with the addition.
+    // ROTR 6, 11, 25 of e and ROTR 2, 13, 22 of a; on ARM the addition does the outer rotation.
     const uint32_t sum1 =
         bytes_rotr32(bytes_as_is(e ^ bytes_rotr32(e, 5)) ^ bytes_rotr32(e, 19), 6);
     const uint32_t sum0 =
@@ -94,7 +94,7 @@ template <size_t i>
     h = t1 + sum0 + maj;
 }
 
-// Rounds i to i + 3. aoWords has the schedule's words once more, one by one.
+// Rounds i to i + 3. aoWords is a copy of the schedule as single words.
 template <size_t i>
 [[gnu::always_inline]] static inline void _four_rounds(uint32_t (&aoState)[8], uint32_t &aoBxorC,
                                                        tFour (&aoSchedule)[4],

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <common/spinlock.h>
 
-// The thread sanitizer does not know barriers: under it the accesses themselves acquire and
+// The thread sanitizer does not understand barriers. With it, the accesses themselves acquire and
 // release.
 #ifdef __SANITIZE_THREAD__
 static constexpr bool gicbBarriers = false;

@@ -4,7 +4,7 @@
 // The exit call of a service cancels its thread. The cancel must never take effect inside the
 // logger, the allocator, stdio, libevent or a lock, nor at an arbitrary instruction: on ARM a stack
 // can be unwound only from a call. So a thread disables cancellation in its first step, and enables
-// it only at the few places where a pending cancel takes effect inside a call of the library.
+// it only at the few places where a pending cancel takes effect inside a call of the C library.
 #pragma once
 
 #include <cerrno>
@@ -16,9 +16,9 @@
 // lock, for which a fork waits; no other lock is taken under it.
 extern pthread_mutex_t gThreadLibcLk;
 
-// The first step of every thread sets asynchronous cancellation, enabled, and disables it at once.
-// The type is set last, when a cancel can no longer take effect between two calls. The name, of at
-// most 15 characters, is for `top -H`, `ps -T` and debuggers.
+// The first step of every thread. Enables cancellation, disables it, and makes its type
+// asynchronous. The type comes last, so that no cancel can take effect between these calls. The
+// name, of at most 15 characters, is for `top -H`, `ps -T` and debuggers.
 __attribute__((noinline)) inline void thread_begin(const char *aicpcNme)
 {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); // these fail on bad values only

@@ -55,16 +55,16 @@ static constexpr tRate gicRates[] = {
     {3500000, B3500000},
     {4000000, B4000000},
 };
-// Hosts keep the codes as plain numbers, so a platform with other numbers must not compile.
+// Hosts keep the codes as plain numbers, so a platform with other numbers is refused here.
 static_assert(B0 == 0 && B9600 == 13 && B38400 == 15, "basic line speeds");
 static_assert(B57600 == 4097 && B115200 == 4098 && B4000000 == 4111, "extended line speeds");
 
-using tWord = size_t; // what the processor handles at once
+using tWord = size_t; // the processor's word
 
 static tWord _load_word(const char *aipcFrom)
 {
     tWord word;
-    memcpy(&word, aipcFrom, sizeof word); // no alignment is promised
+    memcpy(&word, aipcFrom, sizeof word); // it may be unaligned
     return word;
 }
 
