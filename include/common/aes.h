@@ -8,7 +8,7 @@
  *     AES128_CBC_decrypt_buffer(plain, cipher, len, key, iv);
  *
  * The order of arguments differs: ECB takes (input, key, output), CBC takes (output, input, length,
- * key, iv). CBC encryption changes its input, see there.
+ * key, iv). CBC encryption changes its input.
  *
  * @par Messages in several calls
  * A long message may be passed in several CBC calls: the first with key and iv, the later ones with

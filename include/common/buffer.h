@@ -14,7 +14,7 @@
  *     write_uint32(b, sequence);
  *     write_string(b, text, length);
  *     send(fd, b->ptr, (size_t)b->used, 0);
- *     buffer_reset(b);                                  // and again
+ *     buffer_reset(b);                                  // for the next message
  *     ...
  *     buffer_free(b);
  *

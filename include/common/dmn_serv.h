@@ -23,14 +23,14 @@
  * exit belong to one host thread. There is one server in a process. The server thread inherits
  * scheduling policy and priority of the thread that calls dmn_server_init(). Call that from a
  * thread of normal priority: a client that sends without pause keeps the server thread busy, and at
- * a real-time priority the processor with it.
+ * a real-time priority also the processor.
  *
  * @par Blocking
  * A broadcast never waits for a client. A broadcast that starts while the server adds a client to
  * its list, or removes one, waits for that change, and the change waits for the broadcasts in
  * progress. A waiter yields the processor a few times and then sleeps for 50 us at a time. So
  * senders and server may have different real-time priorities, but there is no priority inheritance:
- * while the server or a sender is descheduled there, the others wait. dmn_server_exit() waits for
+ * while a thread that holds the lock is descheduled, the others wait. dmn_server_exit() waits for
  * the server thread and for broadcasts in progress.
  *
  * @par Lost messages
@@ -58,7 +58,7 @@
  * them all. The child may call every function: a broadcast reaches no client, dmn_server_exit()
  * finds nothing to stop, and dmn_server_init() starts a server of the child's own. That server
  * needs its own path, or it replaces the parent's socket. The child forgets the event loops that it
- * inherited, which leaves a little memory and libevent's own descriptors; these are close-on-exec.
+ * inherited. It keeps a little memory and libevent's own descriptors; these are close-on-exec.
  * Do not use or reinitialise in the child a host's base that contains events of the library. Do not
  * fork in a signal handler.
  *

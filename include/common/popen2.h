@@ -23,9 +23,9 @@
  * by itself, at the end of its input or when it writes.
  *
  * @par Reaping the shell
- * The host must do it. Neither function waits for a child, so when a shell has ended, its exited
- * child remains until the host calls waitpid() (with -1, because the process ID is not returned),
- * or ignores SIGCHLD.
+ * The host must do it. Neither function waits for a child, so a shell that has ended remains as a
+ * zombie until the host calls waitpid() (with -1, because the process ID is not returned), or
+ * ignores SIGCHLD.
  *
  * @par Threads
  * Calls of popen2() and pclose2() must not overlap, because they share a table without a lock. The

@@ -21,8 +21,8 @@
  * @par Threads
  * Any number of producers, consumers and callers of the queries may run at the same time. Each ring
  * has its own reader-writer lock. Adding, reading and clearing hold it for writing while they test,
- * copy and count one element; the queries hold it for reading. Only fifo_init() must have returned
- * before other threads use the ring. Not for signal handlers, and not for use between processes.
+ * copy and count one element; the queries hold it for reading. fifo_init() must return before other
+ * threads use the ring. Not for signal handlers, and not for use between processes.
  *
  * @par Blocking
  * A call waits for the calls of other threads in progress, each of which lasts as long as the copy
@@ -35,7 +35,7 @@
  * @par Polling
  * Threads that call a query repeatedly without a pause delay every add and get (with eight such
  * threads one add took seconds). A polling loop must call sched_yield() or sleep between two
- * queries; better, it tries the add or the get itself.
+ * queries. It is better to try the add or the get itself.
  *
  * @par Memory
  * Record and slots belong to the caller; nothing is allocated. There is no destroy operation: stop
@@ -113,7 +113,7 @@ uint32_t fifo_add(tFifo *aipcFifo, void *aipVals, uint32_t aicElemCntToAdd);
 int fifo_get_one(tFifo *aipcFifo, void *aopVal);
 
 /** Moves up to aicElemCntToRead elements to the array at aopVals, oldest first. The lock is taken
- * once for each element, so with several consumers the elements need not have been neighbours. A
+ * once for each element, so with several consumers the elements need not be consecutive ones. A
  * count of 0 does nothing at all.
  * @return how many were moved; the rest of aopVals is unchanged */
 uint32_t fifo_get(tFifo *aipcFifo, void *aopVals, uint32_t aicElemCntToRead);

@@ -8,8 +8,8 @@
  * or C++:
  *
  *     #include <common/self_log.h>
- *     eLogLevl gLogLevl = LOG_LEV_WARN;                 // one definition a program
- *     static const eLogLevl gicDbLev = LOG_LEV_LOUD;    // one a source file
+ *     eLogLevl gLogLevl = LOG_LEV_WARN;                 // once in each program
+ *     static const eLogLevl gicDbLev = LOG_LEV_LOUD;    // once in each source file
  *     ...
  *     LOG_MSG(LOG_LEV_ERROR, "open(%s) err, msg:%s!!!!\n", path, strerror(errno));
  *
@@ -63,8 +63,8 @@
  * empty and overwrite each other's files. A rotation closes one file and opens the next, which
  * normally gets the same descriptor. If another thread takes that descriptor first and none is
  * free, file output ends until the next start: keep some descriptors free. With the writer thread a
- * rotation may cut a line in two, with one part in each file. On 32-bit systems too a file may grow
- * beyond 2 GiB and the year beyond 2038, whatever flags the host is compiled with.
+ * rotation may cut a line in two, with one part in each file. A file may grow beyond 2 GiB and the
+ * year beyond 2038 on 32-bit systems too, whatever flags the host is compiled with.
  *
  * @par Names of LOG_FILE_TIME
  * These names contain the time and a number from random(). Unless the host calls srandom(), each
@@ -227,7 +227,7 @@ int load_log_cfg(tLogCfg *const aopcLogCfg, const char *const aicpcLogCfgNme,
                  const struct config_t *const aicpcCfg);
 
 /** Installs a copy of the configuration and starts the outputs that it selects; reports each step
- * on standard output. Call it once a process, and again only after log_system_exit(). After a
+ * on standard output. Call it once in a process, and again only after log_system_exit(). After a
  * failure the completed steps remain until log_system_exit() undoes them, and the configuration
  * stays installed: if it selects the writer thread, no line is delivered, not even to the console.
  * @return

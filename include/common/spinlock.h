@@ -55,7 +55,7 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/** A lock. All zero it is free. */
+/** A lock. An all-zero lock is free. */
 typedef struct spinlock_t {
     int v_; /**< 0 free, 1 held; leave it to the functions below */
 } spinlock_t;

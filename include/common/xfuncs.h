@@ -15,7 +15,7 @@
  * @par Threads
  * Any thread may call any function at any time; the functions keep no state. The random strings
  * reseed and use the C library's rand(), which the whole process shares. Only
- * get_linklocal_ipv6addr() waits, for the kernel's list, and the output of a log line may.
+ * get_linklocal_ipv6addr(), which waits for the kernel's list, and the output of a log line block.
  *
  * @par Memory
  * Memory and strings that are returned belong to the caller, which releases them with free(). No
@@ -89,7 +89,7 @@ char xorCheckSum(const char *const aicpcStartPtr, const char *const aicpcEndPtr)
 /* --- Serial lines ---------------------------------------------------------------------------- */
 
 /** The termios speed code (B9600 and so on) for a line speed in bits per second, as cfsetispeed()
- * and cfsetospeed() take it. Supported are 0 (B0: hang up) and the standard speeds from 50 to
+ * and cfsetospeed() take it. It supports 0 (B0: hang up) and the standard speeds from 50 to
  * 4000000, exact matches only.
  * @return the code, or (speed_t)-1 for any other rate, which is not a speed code and is not logged:
  * test for it before use */
