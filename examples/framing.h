@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * framing: the records that gnssd publishes instead of text when it is told to. A stream socket
- * shows no borders between messages, so each record starts with its length; all numbers are
- * big-endian:
+ * framing: the records that gnssd publishes with records = "framed". A stream socket does not
+ * preserve message boundaries, so each record starts with its length; all numbers are big-endian:
  *
  *     bytes  0-3   length of the rest: 16 + n
  *            4-7   sequence number, one more for each record
@@ -11,7 +10,7 @@
  *           20-    the n characters of the sentence, without a line end
  *
  * A client that reads too slowly loses bytes. It finds the next whole record by the two lengths and
- * by a sentence that is text, and the sequence numbers give the number of records missed.
+ * by the sentence, which is text. The sequence numbers show how many records are missing.
  */
 #ifndef KELVARA_EXAMPLES_FRAMING_H
 #define KELVARA_EXAMPLES_FRAMING_H

@@ -66,24 +66,24 @@ static tOptions giOpt = {nullptr, nullptr, -1, -1, 0, 0};
 static tFifo giFifo;
 static tSentence giSlots[gicDepth];
 static sem_t giFreeSlots;
-static int giReadyFd = -1; // counts the sentences in the FIFO, and one more for the end of them
-static int giStopFd = -1;  // readable when the reader is to end
+static int giReadyFd = -1; // counts the sentences in the FIFO, and one more at the end of the input
+static int giStopFd = -1;  // readable when the reader must end
 static tSource giSource;
 
-// The reader's; after the join the main thread's.
+// Used by the reader, and after the join by the main thread.
 static eSrcResult giEndedBy = SRC_STOP;
 static int giReadErr; // an error number, for SRC_FAIL
 
-// The main thread's.
+// Used by the main thread.
 static pthread_t giReader;
-static bool gibReading; // the reader is to be joined
+static bool gibReading; // the reader must be joined
 static bool gibStop;    // a signal came
 static tSockFile giSockFile;
 static struct event_base *gipBase;
 static struct event *gipSignalEt;
-static struct event *gipReadyEt; // one-shot: a sentence is there
-static struct event *gipTimerEt; // its time has come
-static uint64_t giDueNs;         // that time, of a paced replay
+static struct event *gipReadyEt; // one-shot: a sentence is in the FIFO
+static struct event *gipTimerEt; // the next sentence is due
+static uint64_t giDueNs;         // when it is due, in a paced replay
 static buffer_t *gipOut;         // the message to broadcast
 static unsigned long giValidCnt;
 static unsigned long giBadCnt;
@@ -104,7 +104,7 @@ static const char gicUsage[] =
     "  -V, --version      prints the version\n"
     "\n"
     "SIGINT, SIGTERM: ends; SIGHUP: begins a new log file, reads the log level again;\n"
-    "SIGUSR1, SIGUSR2: one log level more, one less.\n";
+    "SIGUSR1, SIGUSR2: raises, lowers the log level by one.\n";
 
 static void _parse_options(int argc, char **argv)
 {
@@ -179,7 +179,7 @@ static bool _start_signal_thread(void)
 static void _wake(const int aicFd)
 {
     const uint64_t one = 1;
-    (void)!write(aicFd, &one, sizeof one); // only a full counter refuses, and that one is readable
+    (void)!write(aicFd, &one, sizeof one); // fails if the counter is full: then it is readable
 }
 
 // Waits for a slot while the FIFO is full: the publisher frees one at its pace, or at once after
@@ -223,7 +223,7 @@ static void *_read_thread(void *)
             _take_sentences(buf, giEndedBy != SRC_BYTES);
     }
     buffer_free(buf);
-    _wake(giReadyFd); // without a sentence: the end
+    _wake(giReadyFd); // without a sentence: the end of the input
     return nullptr;
 }
 
@@ -243,7 +243,7 @@ static void _set_timer(const uint64_t aicNs)
 {
     const struct timeval wait = {static_cast<time_t>(aicNs / 1000000000U),
                                  static_cast<suseconds_t>(aicNs / 1000U % 1000000U)};
-    (void)event_add(gipTimerEt, &wait); // fails without memory: then all waits for a signal
+    (void)event_add(gipTimerEt, &wait); // fails without memory: then sending stops
 }
 
 static void _broadcast(tSentence *aipSentence)
@@ -280,7 +280,7 @@ static void _ready_cb(int aiFd, short, void *)
 {
     static tSentence sentence;
     uint64_t one;
-    (void)!read(aiFd, &one, sizeof one); // it is readable, and nobody else reads it
+    (void)!read(aiFd, &one, sizeof one); // it is readable, and no other thread reads it
     if (!fifo_get_one(&giFifo, &sentence)) {
         _input_ended();
         return;
@@ -295,7 +295,7 @@ static void _ready_cb(int aiFd, short, void *)
         _broadcast(&sentence);
     }
     if (sentence.why != nullptr || giCfg.rate == 0) {
-        (void)event_add(gipReadyEt, nullptr); // as above
+        (void)event_add(gipReadyEt, nullptr); // fails without memory, as above
         return;
     }
     // After a pause of the input, do not catch up with a burst.
@@ -311,7 +311,7 @@ static void _timer_cb(int, short, void *)
     if (gibReading)
         (void)event_add(gipReadyEt, nullptr);
     else
-        event_base_loopbreak(gipBase); // clients have had their time
+        event_base_loopbreak(gipBase); // the linger time is over
 }
 
 // Sends the sentences already read, without pacing.
@@ -448,7 +448,7 @@ int main(int argc, char **argv)
     static const int signals[] = {SIGHUP, SIGUSR1, SIGUSR2, 0};
     setvbuf(stdout, nullptr, _IOLBF, 0); // also a console that is a pipe or a file shows each line
     _parse_options(argc, argv);
-    const int signalFd = tool_signals(signals); // early: SIGHUP would end us
+    const int signalFd = tool_signals(signals); // early: SIGHUP would end the program
     if (signalFd == -1 || !_start_signal_thread()) {
         fprintf(stderr, "gnssd: no signals, msg:%s\n", strerror(errno));
         return EXIT_FAILURE;

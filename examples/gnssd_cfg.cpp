@@ -23,7 +23,7 @@ typedef struct _tKey_ {
     int min;
     int max;
     bool bNeeded;
-    const char *const *words; // a null ends them
+    const char *const *words; // null-terminated
 } tKey;
 
 static const char *const gicSources[] = {"file", "serial", "command", nullptr}; // as in eSrcKind
@@ -35,7 +35,7 @@ static const tKey gicKeys[] = {
     {"log", "logSaveMaxCnt", KEY_NUMBER, 0, INT_MAX, false, nullptr},
     {"log", "stdoutLogSwt", KEY_NUMBER, 0, LOG_SWITCH_MAX - 1, false, nullptr},
     {"log", "fileLogSwt", KEY_NUMBER, 0, LOG_SWITCH_MAX - 1, false, nullptr},
-    {"log", "saveLogPath", KEY_TEXT, 1, 218, false, nullptr}, // with date and time 254
+    {"log", "saveLogPath", KEY_TEXT, 1, 218, false, nullptr}, // 254 with date and time
     {"log", "level", KEY_NUMBER, 0, LOG_LEV_MAX, false, nullptr},
     {"server", "dmNme", KEY_TEXT, 1, 107, true, nullptr},
     {"watchdog", "feddogSec", KEY_NUMBER, 0, 86400, false, nullptr},
@@ -56,7 +56,7 @@ static int giMistakes;
 // Begins an error line; the caller ends it.
 static void _blame(const config_setting_t *aipcAt, const char *aicpcGroup, const char *aicpcKey)
 {
-    const char *const file = config_setting_source_file(aipcAt); // another one after @include
+    const char *const file = config_setting_source_file(aipcAt); // an included one, perhaps
     fprintf(stderr, "%s:%u: %s%s%s: ", file != nullptr ? file : gipFile,
             config_setting_source_line(aipcAt), aicpcGroup, *aicpcKey != '\0' ? "." : "", aicpcKey);
     giMistakes++;
@@ -97,13 +97,13 @@ static bool _is_allowed(const tKey *aipcKey, const config_setting_t *aipcValue)
 
 static void _say_allowed(const tKey *aipcKey)
 {
-    fprintf(stderr, "allowed is ");
+    fprintf(stderr, "allowed: ");
     if (aipcKey->kind == KEY_NUMBER)
         fprintf(stderr, "a whole number from %d to %d", aipcKey->min, aipcKey->max);
     else if (aipcKey->kind == KEY_TEXT)
         fprintf(stderr, "a text of %d to %d characters", aipcKey->min, aipcKey->max);
     else if (aipcKey->kind == KEY_SPEED)
-        fprintf(stderr, "a speed that serial lines have, 9600 or 115200 for instance");
+        fprintf(stderr, "a speed of serial lines, for example 9600 or 115200");
     else
         for (int i = 0; aipcKey->words[i] != nullptr; i++)
             fprintf(stderr, "%s\"%s\"",
@@ -130,7 +130,7 @@ static void _check_setting(const config_setting_t *aipcGroup, const config_setti
         return;
     }
     _blame(aipcValue, group, name);
-    fprintf(stderr, "unknown, allowed are");
+    fprintf(stderr, "unknown, allowed:");
     for (int i = 0; i < gicKeyCnt; i++) {
         if (strcmp(gicKeys[i].group, group) == 0)
             fprintf(stderr, " %s", gicKeys[i].name);
@@ -156,7 +156,7 @@ static void _check_groups(const config_setting_t *aipcRoot)
         const char *const name = config_setting_name(group);
         if (!_is_group(name) || config_setting_is_group(group) != CONFIG_TRUE) {
             _blame(group, name, "");
-            fprintf(stderr, "allowed are the groups log, server, watchdog and gnss\n");
+            fprintf(stderr, "allowed: the groups log, server, watchdog and gnss\n");
             continue;
         }
         for (int k = 0; k < config_setting_length(group); k++)
@@ -209,11 +209,11 @@ static void _load(tGnssdCfg *aopCfg, const config_t *aipcCfg)
     if (giMistakes > 0 || load_log_cfg(&aopCfg->log, "log", aipcCfg) != 0 ||
         load_dmn_serv_cfg(&aopCfg->server, "server", aipcCfg) != 0 ||
         load_feeddog_cfg(&aopCfg->watchdog, "watchdog", aipcCfg) != 0)
-        return; // the loaders fail for a missing group only, which has been found by now
+        return; // the loaders fail for a missing group only, which is reported above
     _load_gnss(aopCfg, aipcCfg);
     if (aopCfg->watchdog.feddogSec == 0 && aopCfg->watchdog.feddogUSec == 0) {
         _blame(config_lookup(aipcCfg, "watchdog"), "watchdog", "feddogUSec");
-        fprintf(stderr, "with feddogSec = 0 allowed is a whole number from 1 to 999999\n");
+        fprintf(stderr, "allowed with feddogSec = 0: a whole number from 1 to 999999\n");
     }
 }
 

@@ -10,14 +10,14 @@
 
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-static constexpr time_t gicPeriodSec = 1;   // between two looks
-static constexpr time_t gicLongestSec = 16; // when the watchdog hangs: doubled from look to look
+static constexpr time_t gicPeriodSec = 1;   // between two checks
+static constexpr time_t gicLongestSec = 16; // the limit of its doubling while the watchdog hangs
 
 static struct event_base *gipBase;
 static struct event *gipLookEt;
 static tFeddogCfg *gipCfg;
 static time_t giPeriodSec = gicPeriodSec;
-static bool gibTold; // that there is no watchdog
+static bool gibTold; // a missing watchdog has been reported
 
 // Finds the connection: it is the only socket of the loop whose own end has no name and whose peer
 // has one. A client's connection has the server's name, and the listening socket has no peer.
@@ -51,7 +51,7 @@ static time_t _look(void)
     const char *const path = gipCfg->txFeddogHtDmNme;
     if (event_base_foreach_event(gipBase, _is_connection, nullptr) != 0)
         return gicPeriodSec;
-    self_feddog_exit(); // what the last connection has left
+    self_feddog_exit(); // releases the last connection
     const int err = sockfile_probe(path);
     if (err == 0 && _connect()) {
         LOG_MSG(LOG_LEV_RUN, "heartbeats go to %s------\n", path);

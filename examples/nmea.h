@@ -1,20 +1,20 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * nmea: finds NMEA 0183 sentences in a stream of bytes. Pure functions without state: the caller
- * keeps the bytes, and comes back with more of them when a sentence is not complete yet.
+ * nmea: finds NMEA 0183 sentences in a stream of bytes. The functions have no state: the caller
+ * keeps the bytes of an incomplete sentence, and passes them again when more have arrived.
  *
  *     int pos = 0;
  *     tNmeaItem item;
  *     while (pos += nmea_next(data + pos, len - pos, false, &item), item.kind != NMEA_MORE)
  *         ... item.text, item.len ...
  *
- * A sentence is '$', or '!' before the encapsulated ones of AIS, then a capital letter and further
- * printable 7-bit characters other than '$' and '*', then '*' and two hexadecimal digits: the XOR
- * of the characters between. It ends with its second digit, whatever follows. Everything outside of
- * sentences is noise and skipped: line ends, comments, binary messages, in which the first
- * character alone would be too frequent a sign of a sentence. A sentence that is broken off by a
- * line end, a control character or the '$' of the next one is bad, and so is one that goes on for
- * too long; the search goes on where it stopped, or at the first '!' in it.
+ * A sentence is '$' (or '!' in the encapsulated sentences of AIS), a capital letter, printable
+ * 7-bit characters other than '$' and '*', then '*' and two hexadecimal digits: the XOR of the
+ * characters between. It ends with the second digit, whatever follows. Everything else is noise and
+ * skipped: line ends, comments, binary messages. Because of these the first character alone does
+ * not begin a sentence. A sentence is bad if a line end, a control character or the '$' of the next
+ * one cuts it short, or if it is too long. The search then continues after it, or at the first '!'
+ * in it.
  */
 #ifndef KELVARA_EXAMPLES_NMEA_H
 #define KELVARA_EXAMPLES_NMEA_H
@@ -30,7 +30,7 @@ constexpr int gicNmeaMax = 1024;
 typedef enum _eNmeaKind_ {
     NMEA_MORE,  /* no complete sentence in the bytes that are left */
     NMEA_VALID, /* a whole sentence, its checksum is right */
-    NMEA_BAD,   /* a sentence that is not; why tells the reason */
+    NMEA_BAD,   /* a broken sentence; why has the reason */
 } eNmeaKind;
 
 typedef struct _tNmeaItem_ {
@@ -49,7 +49,7 @@ inline int _nmea_digit(const char aicChar)
     return upper >= 'A' && upper <= 'F' ? upper - 'A' + 10 : -1;
 }
 
-/* True for what may stand before '*'; the test holds for signed and unsigned char. */
+/* True for a character that may precede '*'; correct for signed and unsigned char. */
 inline bool _nmea_body(const char aicChar)
 {
     return aicChar >= ' ' && aicChar <= '~' && aicChar != '$' && aicChar != '*';
@@ -63,10 +63,10 @@ inline bool _nmea_begins(const char *const aipcData, const int aicLen, const boo
     return aicLen > 1 ? aipcData[1] >= 'A' && aipcData[1] <= 'Z' : !aibLast;
 }
 
-/* Looks at the aicLen bytes at aipcData for the first sentence, good or bad, and returns how many
- * bytes are done with: up to and including the sentence, or, with NMEA_MORE, up to the start of
- * the incomplete one, which is never longer than gicNmeaMax. aibLast: nothing will follow, so what
- * is incomplete is bad. */
+/* Finds the first sentence, good or bad, in the aicLen bytes at aipcData. Returns the number of
+ * bytes consumed: up to the end of the sentence, or, with NMEA_MORE, up to the start of an
+ * incomplete one, which is never longer than gicNmeaMax. aibLast: no bytes will follow, so an
+ * incomplete sentence is bad. */
 inline int nmea_next(const char *const aipcData, const int aicLen, const bool aibLast,
                      tNmeaItem *const aopItem)
 {

@@ -4,7 +4,7 @@
  * first that no other server uses it. At the end remove the file only if it is still your own:
  *
  *     tSockFile file;
- *     int err = sockfile_claim(path);      // EEXIST: no socket; EADDRINUSE: a server has it
+ *     int err = sockfile_claim(path);      // EEXIST: not a socket; EADDRINUSE: in use
  *     if (err == 0 && bind_and_listen(path))
  *         sockfile_bound(&file, path);
  *     ...
@@ -32,12 +32,12 @@ int sockfile_probe(const char *aicpcPath);
 
 /* Prepares the path for bind(): removes a socket that a server has left behind. Returns 0,
  * EEXIST for a file that is not a socket, EADDRINUSE, or the error of a failed check. Locks the
- * folder until sockfile_bound(), so that of two servers that start together the second one sees
- * the first. After an error, end the program. */
+ * folder until sockfile_bound(), so that if two servers start together, the second one sees the
+ * first. After an error, end the program. */
 int sockfile_claim(const char *aicpcPath);
 
 /* Records the listening socket that the caller has bound to the path, and keeps the pointer.
- * Lets every user connect, whatever the umask, which applies to the other files: the permissions
+ * Lets every user connect, whatever the umask, which is meant for the other files: the permissions
  * of the folder decide which users reach the socket. Unlocks the folder. */
 void sockfile_bound(tSockFile *aopFile, const char *aicpcPath);
 

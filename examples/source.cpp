@@ -80,7 +80,7 @@ static int _open_command(tSource *aopSrc, const char *aicpcCommand)
     sigset_t none;
     sigset_t was;
     sigemptyset(&none);
-    (void)pthread_sigmask(SIG_SETMASK, &none, &was); // the command is to take signals
+    (void)pthread_sigmask(SIG_SETMASK, &none, &was); // the command must take signals
     aopSrc->stream = popen2(program, mode);
     (void)pthread_sigmask(SIG_SETMASK, &was, nullptr);
     if (aopSrc->stream == nullptr) {
@@ -165,15 +165,15 @@ static bool _reap_shell(const pid_t aicShell, const int aicWaitMs, int *aopStatu
     }
 }
 
-// The shell waits for the command, so while it runs the command's number belongs to the command.
-// Once it has ended, any process may have that number.
+// The shell waits for the command, so while the shell runs, the number belongs to the command.
+// Once the shell has ended, any process may have that number.
 static int _close_command(tSource *aipSrc, const bool aibEnded)
 {
     int status = 0;
     bool bReaped = _reap_shell(aipSrc->shell, aibEnded ? gicReapMs : 0, &status);
     if (!bReaped && aipSrc->child > 0)
         (void)kill(aipSrc->child, SIGTERM); // fails when it has ended at this moment
-    (void)fclose(aipSrc->stream);           // only read
+    (void)fclose(aipSrc->stream);           // it was only read
     bReaped = bReaped || _reap_shell(aipSrc->shell, gicReapMs, &status);
     if (!bReaped)
         LOG_MSG(LOG_LEV_WARN, "the command has not ended, it is left alone\n");

@@ -22,10 +22,10 @@ typedef enum _eSrcKind_ {
 
 typedef struct _tSource_ {
     eSrcKind kind;
-    int fd;       /* above the standard descriptors, which read_buffer() refuses in part */
-    bool bWhole;  /* FIONREAD would tell nothing, or the size of a whole file */
+    int fd;       /* above the standard descriptors: read_buffer() refuses 0 */
+    bool bWhole;  /* FIONREAD fails, or gives the size of a whole file */
     FILE *stream; /* SRC_COMMAND: from popen2(); what the command writes is read from fd */
-    pid_t shell;  /* SRC_COMMAND: the shell that popen2() started, ours to reap, */
+    pid_t shell;  /* SRC_COMMAND: the shell of popen2(), reaped by this module, */
     pid_t child;  /* and its child that runs the command */
 } tSource;
 
@@ -33,12 +33,13 @@ typedef enum _eSrcResult_ {
     SRC_BYTES, /* bytes were added to the buffer */
     SRC_STOP,  /* the stop descriptor is readable */
     SRC_END,   /* the input is at its end */
-    SRC_FAIL,  /* the input is broken, errno tells how */
+    SRC_FAIL,  /* reading failed, errno has the reason */
 } eSrcResult;
 
 /* Opens the source; aicpcPath is the path or the command line. Returns 0, -6 (ERR_FOPEN_DMN), -8
  * (ERR_OPEN_TTY_DMN: no terminal, or no such baud rate) or -5 (ERR_CREATE_PIPE_DMN). Open a command
- * before other threads and the server are started: it inherits what is ignored and open. */
+ * before other threads and the server are started: it inherits ignored signals and open
+ * descriptors. */
 int source_open(tSource *aopSrc, eSrcKind aicKind, const char *aicpcPath, int aicBaudRate);
 
 /* Waits for input or for aicStopFd, and appends the available input to the buffer. Logs nothing. */

@@ -28,7 +28,7 @@ eLogLevl gLogLevl = LOG_LEV_RUN;
 typedef struct _tTap_ {
     unsigned long long bytes;
     unsigned long items;   // lines or records
-    unsigned long lost;    // records missing between others
+    unsigned long lost;    // records missing between received ones
     unsigned long skipped; // bytes that belong to no record
     uint32_t nextSeq;
     uint64_t firstUs; // when the first and the last bytes came
@@ -53,12 +53,12 @@ static const char gicUsage[] =
     "\n"
     "  -m, --mode text    the bytes as they come (the default)\n"
     "  -m, --mode hex     sixteen bytes a line\n"
-    "  -m, --mode frames  the numbered records that gnssd sends when it is told to\n"
-    "  -w, --wait MS      waits so long for the daemon to start\n"
+    "  -m, --mode frames  numbered records; gnssd sends them with records = \"framed\"\n"
+    "  -w, --wait MS      waits at most MS milliseconds for the daemon to start\n"
     "  -h, --help         prints this\n"
     "  -V, --version      prints the version\n"
     "\n"
-    "SIGINT, SIGTERM, SIGHUP: ends, with a line that tells what came.\n";
+    "SIGINT, SIGTERM, SIGHUP: ends, with a summary of what arrived.\n";
 
 static void _show_text(tTap *aipTap, bool)
 {
@@ -116,7 +116,7 @@ static void _show_frame(tTap *aipTap, const tFrame *aipFrame)
     aipTap->items++;
 }
 
-// After a loss no record starts here: tries the next byte.
+// After a loss no record may start here: then tries the next byte.
 static void _show_frames(tTap *aipTap, const bool aibLast)
 {
     int pos = 0;
@@ -136,8 +136,8 @@ static void _show_frames(tTap *aipTap, const bool aibLast)
         aipTap->skipped += static_cast<unsigned long>(aipTap->buf->used);
 }
 
-// Returns the connection, or -1 with errno; a signal ends the wait. The causes of a failure may
-// pass: a missing folder, a socket left behind, a full queue.
+// Returns the connection, or -1 with errno; a signal ends the wait. Repeats the attempt, because
+// the causes of a failure may pass: a missing folder, a socket without a server, a full queue.
 static int _connect(const char *aicpcPath, const int aicWaitMs, const int aicSignalFd)
 {
     struct sockaddr_un addr;
@@ -159,7 +159,7 @@ static int _connect(const char *aicpcPath, const int aicWaitMs, const int aicSig
     }
 }
 
-// Until the stream ends or a signal comes.
+// Receives until the stream ends or a signal comes.
 static void _receive(tTap *aipTap, const int aicFd, const int aicSignalFd, const tShow aicShow)
 {
     struct pollfd wait[] = {{aicSignalFd, POLLIN, 0}, {aicFd, POLLIN, 0}};
@@ -239,11 +239,11 @@ int main(int argc, char **argv)
     }
     _receive(&tap, fd, signalFd, mode->show);
     mode->show(&tap, true);
-    (void)fflush(stdout); // ferror() remembers
+    (void)fflush(stdout); // ferror() reports a failure
     _summary(&tap, mode);
     buffer_free(tap.buf);
     if (ferror(stdout) == 0)
-        return EXIT_SUCCESS; // which closes the rest
+        return EXIT_SUCCESS; // the exit closes the rest
     fprintf(stderr, "tap: standard output cannot be written\n");
     return EXIT_FAILURE;
 }

@@ -34,8 +34,8 @@ int tool_number(const char *aicpcName, const char *aicpcWhat, const char *aicpcT
     const long value = strtol(aicpcText, &end, 10);
     if (errno == 0 && end != aicpcText && *end == '\0' && value >= aicMin && value <= aicMax)
         return static_cast<int>(value);
-    fprintf(stderr, "%s: %s: \"%s\" is not allowed, a whole number from %d to %d is\n", aicpcName,
-            aicpcWhat, aicpcText, aicMin, aicMax);
+    fprintf(stderr, "%s: %s: \"%s\" is not a whole number from %d to %d\n", aicpcName, aicpcWhat,
+            aicpcText, aicMin, aicMax);
     exit(2);
 }
 
@@ -53,11 +53,11 @@ static void _on_signal(int aiSignal)
         (void)setitimer(ITIMER_REAL, &grace, nullptr); // fails for a bad time only
     }
     __atomic_store_n(&gibCame[aiSignal], 1, __ATOMIC_RELAXED);
-    (void)!write(giSignalFd, &one, sizeof one); // only a full counter refuses: it is readable
+    (void)!write(giSignalFd, &one, sizeof one); // fails if the counter is full: it is readable then
     errno = saved;
 }
 
-// The parent may have left the signal blocked.
+// Also unblocks the signal, because the parent may have blocked it.
 static void _handle(const int aicSignal, void (*aipHandler)(int))
 {
     struct sigaction action = {};
@@ -99,7 +99,7 @@ int tool_signals(const int *aicpcMore)
     _handle(SIGALRM, _on_signal);
     for (; *aicpcMore != 0; ++aicpcMore)
         _handle(*aicpcMore, _on_signal);
-    _handle(SIGCHLD, SIG_DFL); // ignored, it would take away the ends of children
+    _handle(SIGCHLD, SIG_DFL); // if it is ignored, no child can be waited for
     return giSignalFd;
 }
 

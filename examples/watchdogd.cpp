@@ -37,14 +37,14 @@ static constexpr nfds_t gicFedMax = 64;
 static constexpr nfds_t gicFirst = 2; // before the daemons: the signals, the listening socket
 
 static struct pollfd giPoll[gicFirst + gicFedMax];
-static tFed giFed[gicFirst + gicFedMax]; // of the same index
+static tFed giFed[gicFirst + gicFedMax]; // with the index of giPoll
 static nfds_t giUsed = gicFirst;
 static uint64_t giLateMs = 2000;
 
 static const char gicUsage[] =
     "usage: watchdogd SOCKET [LATE_MS]\n"
-    "Prints the heartbeats of daemons: time, name, count, and the time since the one\n"
-    "before; and a line when there was none for LATE_MS (2000).\n"
+    "Prints a line for each heartbeat: time of day, name, count, and the time since\n"
+    "the last one; and a line if none comes for LATE_MS milliseconds (default 2000).\n"
     "\n"
     "  -h, --help     prints this\n"
     "  -V, --version  prints the version\n"
@@ -82,7 +82,7 @@ static void _admit(const int aicListenFd)
     giPoll[giUsed++] = {fd, POLLIN, 0};
 }
 
-// The last one moves to the freed place.
+// Moves the last daemon to the freed place.
 static void _dismiss(const nfds_t aicIdx)
 {
     close(giPoll[aicIdx].fd);

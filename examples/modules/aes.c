@@ -20,7 +20,7 @@ int main(void)
     memcpy(plain, message, sizeof plain); /* encryption changes its input */
     (void)pthread_mutex_lock(&giAesLk);
     AES128_CBC_encrypt_buffer(cipher, plain, 16, key, iv);
-    AES128_CBC_encrypt_buffer(cipher + 16, plain + 16, 32, NULL, NULL); /* goes on */
+    AES128_CBC_encrypt_buffer(cipher + 16, plain + 16, 32, NULL, NULL); /* continues */
     AES128_CBC_decrypt_buffer(back, cipher, sizeof back, key, iv);
     (void)pthread_mutex_unlock(&giAesLk);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Packs two messages, sends them through a pipe in one go, and cuts them apart behind it. */
+/* Packs two messages, sends them through a pipe in one write, and separates them again. */
 #include <common/buffer.h>
 #include <common/self_log.h>
 

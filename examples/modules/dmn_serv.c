@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* A server and, in the same process for once, a client of it. */
+/* A server and, only in this example, its client in the same process. */
 #include <common/dmn_serv.h>
 #include <common/self_log.h>
 
@@ -38,7 +38,7 @@ int main(void)
     struct pollfd client = {.fd = fd, .events = POLLIN};
     if (fd == -1)
         return 1;
-    /* A client that is not yet in the server's list gets nothing: broadcast until something
+    /* A client that is not yet in the server's list gets nothing: broadcast until a message
      * arrives. */
     do
         dmn_serv_tx_clit_msg(fix, (int)strlen(fix));

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* Reads from a command that never ends by itself, and ends it. pclose2() signals the process after
- * the shell, so the command runs in a child of the shell that first tells both numbers. */
+ * the shell, so the command runs in a child of the shell, which first prints both. */
 #include <common/popen2.h>
 #include <common/self_log.h>
 
@@ -30,7 +30,7 @@ int main(void)
 
     if (number[1] == number[0] + 1) {
         pclose2(from);
-    } else { /* another process came in between: not ours to signal */
+    } else { /* another process has the next number: do not signal it */
         kill((pid_t)number[1], SIGTERM);
         fclose(from);
     }

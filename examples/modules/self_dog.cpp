@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sends heartbeats to a watchdog, which is this very process for once.
+// Sends heartbeats to a watchdog, which is this process itself in the example.
 #include <common/self_dog.h>
 #include <common/self_log.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One thread produces, another consumes; a full ring makes the producer wait and not the ring grow.
+// One thread produces, another consumes. The producer waits while the ring is full.
 #include <common/self_fifo.h>
 #include <common/self_log.h>
 

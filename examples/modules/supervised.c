@@ -12,12 +12,12 @@
 eLogLevl gLogLevl = LOG_LEV_RUN;
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-/* The services keep the records by pointer, so these live as long as the program. What stands here
- * holds when the file says nothing. */
+/* The services keep the records by pointer, so these live as long as the program. They contain the
+ * defaults for keys that the file does not have. */
 static tLogCfg giLogCfg = {.stdoutLogSwt = LOG_SWITCH_ON};
 static tDmnServCfg giServCfg = {"/run/supervised.sock"};
 static tFeddogCfg giDogCfg = {1, 0, "supervised", "/run/watchdog.sock"};
-static int giTicks; /* 0: until it is told to stop */
+static int giTicks; /* 0: until a signal stops it */
 
 static int load_cfg(const char *path)
 {
@@ -58,7 +58,7 @@ int main(int argc, char **argv)
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, NULL); /* before there are threads: they inherit it */
+    pthread_sigmask(SIG_BLOCK, &stop, NULL); /* before any thread starts: threads inherit it */
 
     if (load_cfg(argc > 1 ? argv[1] : "supervised.conf") != 0)
         return 1;

@@ -19,7 +19,7 @@ int main(void)
     printf("115200 is %s\n", tty_get_baudrate(115200) == B115200 ? "B115200" : "unknown");
     printf("12345 is %s\n", tty_get_baudrate(12345) == (speed_t)-1 ? "unknown" : "a speed");
 
-    char *const name = gen_random_string(8); /* no secret: see the limits */
+    char *const name = gen_random_string(8); /* not for secrets */
     int *const zeroed = xCalloc(16, sizeof(int));
     if (name == NULL || zeroed == NULL)
         return 1; /* the reason is in the log already */

@@ -15,7 +15,8 @@
  * @par Threads
  * Any thread may call any function at any time; the functions keep no state. The random strings
  * reseed and use the C library's rand(), which the whole process shares. Only
- * get_linklocal_ipv6addr(), which waits for the kernel's list, and the output of a log line block.
+ * get_linklocal_ipv6addr(), which waits for the kernel's list, and the output of a log line can
+ * block.
  *
  * @par Memory
  * Memory and strings that are returned belong to the caller, which releases them with free(). No
