@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034 # used by the scripts that source this
-# Functions that the scripts share; source it. It changes to the root of the tree.
+# Functions that the scripts share. Sourcing it changes to the root of the tree.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -16,7 +16,7 @@ die() {
   exit 1
 }
 
-# Installs what is missing of the named packages; makes no call of apt when nothing is.
+# Installs those of the named packages that are missing; does not call apt if none is.
 need_packages() {
   local missing=() package
   for package in "$@"; do
@@ -35,7 +35,7 @@ need_packages() {
     apt-get -qq -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# What a preset's build needs besides the compiler.
+# What the build of a preset needs.
 build_packages=(cmake ninja-build g++ libevent-dev libconfig-dev libgtest-dev)
 
 # build_preset PRESET [cmake arguments]: configures and builds build/PRESET.
@@ -51,9 +51,9 @@ build_preset() {
 
 mkdir -p "$root/build"
 
-# debian_tree FOLDER ARCH PACKAGE...: unpacks packages and all that they depend on, once. None of
-# their scripts is run, so any user may do it. RELEASE: one of Debian's, if not this machine's.
-# Status 77, and a line that says why: they cannot be had.
+# debian_tree FOLDER ARCH PACKAGE...: unpacks packages and their dependencies, once. Runs none of
+# their scripts, so any user may call it. RELEASE: a release of Debian, if not this machine's.
+# Returns 77, and prints the reason, if they are not available.
 debian_tree() {
   local folder=$1 packages="${*:2}" release=${RELEASE:-} own sources
   [[ ! -e $folder/packages || $(<"$folder/packages") != "$packages" ]] || return 0
@@ -75,8 +75,8 @@ debian_tree() {
 }
 
 # need_cross ARCH: the cross compiler, the emulator and the libraries for armhf or arm64. Fills
-# cross_options for CMake, and cross_runner, which runs a program. Status 77 as above. Callers look
-# at the status, so errors are passed on by hand here.
+# cross_options for CMake, and cross_runner, which runs a program. Returns 77 as above. Callers test
+# the status, which switches off set -e here, so errors are returned explicitly.
 cross_runner=()
 need_cross() {
   local tuple cpu sysroot=$root/build/sysroot-$1
@@ -89,7 +89,7 @@ need_cross() {
   cross_runner=("qemu-$cpu" -L "$sysroot")
 }
 
-# What scripts/board needs. Status 77 as above.
+# What scripts/board needs. Returns 77 as above.
 need_board() {
   (need_packages cpio kmod qemu-system-arm) || return 77
   mkdir -p "$root/build/board"
