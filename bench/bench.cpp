@@ -39,13 +39,13 @@
 eLogLevl gLogLevl = LOG_LEV_ERROR;
 static const eLogLevl gicDbLev = LOG_LEV_LOUD;
 
-static constexpr size_t gicBatch = 64; // operations between two looks at the clock
+static constexpr size_t gicBatch = 64; // operations between two readings of the clock
 static constexpr size_t gicSize = 4096;
 using tBytes = std::array<unsigned char, 2 * gicSize>;
 alignas(64) static tBytes giIn;    // random bytes
 alignas(64) static tBytes giSpoil; // the same, until an operation changes them
 alignas(64) static tBytes giText;  // gicSize characters of Base64
-alignas(64) static tBytes giOut;   // what an operation gives, to be compared
+alignas(64) static tBytes giOut;   // an operation's output, to be compared
 
 static char *text(tBytes &bytes)
 {
@@ -81,8 +81,8 @@ static benchmark::internal::Benchmark *add(const std::string &name, tOp op,
     });
 }
 
-// A row of the table. ready() goes before each batch, uncounted. With `contend` there is a second
-// row, of two threads that do the same.
+// A row of the table. ready() runs before each batch and is not measured. With `contend` there is a
+// second row, of two threads that do the same.
 template <typename tOurs, typename tIts>
 static void row(const std::string &name, tOurs ours, const std::string &yardstick, tIts its,
                 const std::function<void()> &ready = {}, bool contend = false)
@@ -283,8 +283,8 @@ static void add_buffer()
 // --- broadcast --------------------------------------------------------------------------------
 
 static tDmnServCfg giServCfg = {"socket"};
-static std::vector<int> giClients; // the server's
-static std::vector<int> giEnds;    // of other socket pairs, as many
+static std::vector<int> giClients; // connected to the server
+static std::vector<int> giEnds;    // of as many socket pairs, for the yardstick
 static std::vector<int> giFarEnds; // what is written to them is read here
 
 static int connected()
@@ -323,7 +323,7 @@ static void start_server(size_t count)
             giEnds.push_back(pair[0]);
             giFarEnds.push_back(pair[1]);
         }
-        // Clients are registered in their order: when the last one hears, all of them do.
+        // Clients are registered in their order: when the last one receives, all of them do.
         while (recv(giClients.back(), room, 1, MSG_DONTWAIT) != 1) {
             usleep(1000);
             dmn_serv_tx_clit_msg(room, 1);
@@ -331,7 +331,7 @@ static void start_server(size_t count)
     }
     for (const std::vector<int> *const all : {&giClients, &giFarEnds})
         for (const int fd : *all)
-            (void)recv(fd, room, sizeof room, MSG_DONTWAIT); // mostly there is nothing
+            (void)recv(fd, room, sizeof room, MSG_DONTWAIT); // usually nothing
 }
 
 static void add_broadcast(size_t count)
@@ -349,8 +349,8 @@ static void add_broadcast(size_t count)
 
 // --- log --------------------------------------------------------------------------------------
 
-// The log service in that mode, its pipe read empty. It starts before the server: its pipe needs
-// descriptors below 1024, and a server's thread writes lines.
+// The log service in that mode, with an empty pipe. It starts before the server, because its pipe
+// needs descriptors below 1024, and the server's thread logs.
 static void start_log(eLogRunMod mode)
 {
     static tLogCfg cfg = {};
@@ -438,7 +438,7 @@ int main(int argc, char **argv)
     add_fifo();
     add_spinlock();
     add_buffer();
-    add_log(); // whose service keeps the server's notices off the standard output
+    add_log(); // starts the service, which keeps the server's notices off the console
     for (const size_t count : {1U, 16U, 256U, 2000U})
         add_broadcast(count);
     benchmark::RunSpecifiedBenchmarks();

@@ -16,12 +16,12 @@ def table(machine, unit):
     times = {}
     runs = [one for one in run["benchmarks"] if one["run_type"] == "iteration"]
     for one in sorted(runs, key=lambda one: one["family_index"]):
-        # Two threads that wait for each other spend time, but not the processor's.
+        # Two threads that wait for each other use time, but no processor time.
         clock = "real_time" if one["threads"] > 1 else "cpu_time"
         times.setdefault(one["run_name"], []).append(one[clock])
     best = {}
     for name, all_times in times.items():
-        # What disturbs one thread makes it slower; but two may be fast because one comes late.
+        # A disturbance only slows one thread down, but two may be fast because one starts late.
         contend = "threads:" in name
         best[name.split("/")[0]] = statistics.median(all_times) if contend else min(all_times)
     for name, its in best.items():

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# The libraries that a host program links besides libkelvara: kelvara_host carries all of it.
+# kelvara_host: the libraries that a host program links besides libkelvara.
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 find_library(KELVARA_LIBEVENT event_core REQUIRED)

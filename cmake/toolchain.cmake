@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: MIT
 # Builds for another processor: -DKELVARA_ARCH=armhf, the target (a Cortex-A9 with NEON), or arm64.
 # The compilers are Debian's, programs run in an emulator, and the libraries are in a folder that
-# `scripts/test armhf` fills: build/sysroot-armhf, or the path in KELVARA_SYSROOT.
+# `scripts/test armhf` or `scripts/test arm64` fills: build/sysroot-armhf or build/sysroot-arm64.
+# KELVARA_SYSROOT names another folder.
 set(KELVARA_ARCH armhf CACHE STRING "armhf or arm64")
 get_filename_component(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-${KELVARA_ARCH} ABSOLUTE)
 set(KELVARA_SYSROOT ${sysroot} CACHE PATH "libevent, libconfig and googletest for that processor")
@@ -11,11 +12,11 @@ set(CMAKE_SYSTEM_NAME Linux)
 if(KELVARA_ARCH STREQUAL armhf)
   set(CMAKE_SYSTEM_PROCESSOR arm)
   set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-  # Debian's compiler emits Thumb-2 by default; it is named here so that other compilers do, too. It
-  # is about a quarter smaller than ARM code, which the 32 KiB caches of this processor repay, and
-  # the digests take the same number of instructions in either.
+  # Debian's compiler emits Thumb-2 by default; -mthumb is for other compilers. This code is about a
+  # quarter smaller than ARM code, which suits the 32 KiB caches of this processor, and the digests
+  # take the same number of instructions in both.
   set(target_flags "-mcpu=cortex-a9 -mfpu=neon -mfloat-abi=hard -mthumb")
-  # With this processor, instructions that it lacks (integer division) end a program by SIGILL.
+  # As on the target, an instruction that this processor lacks (integer division) causes SIGILL.
   set(cpu cortex-a9)
 elseif(KELVARA_ARCH STREQUAL arm64)
   set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -37,8 +38,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# A native compiler finds the headers and libevent's event-config.h, which depends on the
-# architecture, by itself. Debian's cross compiler would use the build machine's.
+# libevent's event-config.h depends on the architecture. A native compiler finds the right headers
+# by itself; Debian's cross compiler would use those of the build machine.
 foreach(language C CXX)
   set(CMAKE_${language}_STANDARD_INCLUDE_DIRECTORIES
     ${KELVARA_SYSROOT}/usr/include/${CMAKE_LIBRARY_ARCHITECTURE} ${KELVARA_SYSROOT}/usr/include)
