@@ -42,8 +42,8 @@ int sockfile_probe(const char *aicpcPath)
     return err;
 }
 
-// Any user who may read the folder may lock it, so wait at most one second and then go on without
-// the lock.
+// Any user who may read the folder may lock it, so wait at most one second and then continue
+// without the lock.
 static void _lock_folder(const char *aicpcPath)
 {
     char path[sizeof sockaddr_un::sun_path];

@@ -106,7 +106,7 @@ static void _show_frame(tTap *aipTap, const tFrame *aipFrame)
     const int head =
         printf("%8u  %02d:%02d:%02d.%06u  ", aipFrame->seq, local.tm_hour, local.tm_min,
                local.tm_sec, static_cast<unsigned>(aipFrame->timeUs % 1000000U));
-    // A sentence of 80 characters goes on in the next line, below its start.
+    // A sentence of 80 characters continues in the next line, below its start.
     const int room = gicColumns - head;
     int left = static_cast<int>(aipFrame->len);
     printf("%.*s\n", left < room ? left : room, aipFrame->text);

@@ -168,11 +168,11 @@ void _write_ex(buffer_t *buf, const void *wbuf, uint32 len);
 
 /** Appends the byte v. The buffer grows, and growth fails, as in _write_ex(). */
 void write_uint8(buffer_t *buf, uint8 v);
-/** Appends v in 2 bytes, most significant first; all else as with write_uint8(). */
+/** Appends v in 2 bytes, most significant first; otherwise as write_uint8(). */
 void write_uint16(buffer_t *buf, uint16 v);
-/** Appends v in 4 bytes, most significant first; all else as with write_uint8(). */
+/** Appends v in 4 bytes, most significant first; otherwise as write_uint8(). */
 void write_uint32(buffer_t *buf, uint32 v);
-/** Appends v in 8 bytes, most significant first; all else as with write_uint8(). */
+/** Appends v in 8 bytes, most significant first; otherwise as write_uint8(). */
 void write_uint64(buffer_t *buf, uint64 v);
 
 /** Appends the l bytes at s, like _write_ex(). */

@@ -34,7 +34,7 @@
  *
  * @par Fork
  * A child made by fork() has no client; the parent keeps its own. The child may call every
- * function: self_feddog_exit() finds nothing to stop, self_feddog_init() connects anew. The other
+ * function: self_feddog_exit() finds nothing to stop, self_feddog_init() connects again. The other
  * rules for a child, and the number of descriptors that a start needs, are in common/dmn_serv.h.
  *
  * @par Linking

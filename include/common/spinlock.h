@@ -60,7 +60,7 @@ typedef struct spinlock_t {
     int v_; /**< 0 free, 1 held; leave it to the functions below */
 } spinlock_t;
 
-/** Makes the lock free. Call it before another thread knows the lock. */
+/** Makes the lock free. Call it before another thread can use it. */
 void spinlock_init(spinlock_t *spin);
 
 /** Takes the lock if it is free. Never waits. Acquire semantics: nothing after the call is done
