@@ -45,8 +45,7 @@ static char rxBuf[gicLnBytes]; // of the writer thread, and after the join of th
 // The number of callers that use the pipe. A caller increments it and then tests whether the pipe
 // is open; the exit call marks the pipe as shut and then reads the count. So once the count is 0,
 // no caller uses the descriptors that are closed. A caller that finds the pipe shut before it
-// increments does not increment, so the count reaches 0 even if threads keep logging. The file
-// needs no count: it is used and closed under its lock.
+// increments does not increment, so the count reaches 0 even if threads keep logging.
 static bool gibLogPpOpn;
 static int giLogUsers;
 
@@ -64,10 +63,9 @@ template <typename tWord> static void _poke(tWord *aopWord, tWord aicValue)
 }
 
 // --- forks ------------------------------------------------------------------------------------
-//
+
 // A child has no writer thread. It writes into the file that it shares with the owner, or into the
 // owner's pipe. Descendants append and only the owner rotates, because beginning a file empties it.
-
 static pid_t giLogOwner; // the process that called log_system_init()
 
 static bool _may_rotate()
@@ -145,8 +143,7 @@ static void _log_in_child()
     (void)_set_log_pipe(gibLogPpOpn ? 1 : 0); // only the owner reads
 }
 
-// Runs before the constructors of a host that is linked with the archive: fork handlers registered
-// there may log.
+// Runs before a statically linked host's constructors: fork handlers that they register may log.
 __attribute__((constructor(101))) static void _log_meet_forks()
 {
     // Fails only if there is no memory at the start.
@@ -177,10 +174,9 @@ static unsigned _time_of_day(time_t aicSec)
 }
 
 // --- a line's header --------------------------------------------------------------------------
-//
+
 // "[%s:%02d:%02d:%02d.%08ld %15s %04d] ", formatted by hand: expanding that format would cost as
 // much as the rest of the line's way into the pipe.
-
 static void _put_digits(char *aopTo, size_t aicCount, unsigned long aiValue)
 {
     for (size_t i = aicCount; i-- > 0; aiValue /= 10)
@@ -222,12 +218,6 @@ static size_t _put_head(char (&aoLine)[gicLnBytes], const char *aipcTag, const t
 
 // --- files ------------------------------------------------------------------------------------
 
-// Counts beyond INT_MAX without undefined behaviour, and so that the two names still alternate.
-static int _next_count(int aicCnt)
-{
-    return static_cast<int>(static_cast<uint32_t>(aicCnt) + 1);
-}
-
 // Forms the next file's name. Returns false, with an empty name, for an unknown fileMod. A name
 // that is too long is cut.
 static bool _next_log_name(char (&aoNme)[gicNmeBytes])
@@ -235,7 +225,7 @@ static bool _next_log_name(char (&aoNme)[gicNmeBytes])
     aoNme[0] = '\0';
     if (giLogCfg.fileMod == LOG_FILE_TWO) {
         const int index = giLogFileBkupCnt & 1;
-        giLogFileBkupCnt = _next_count(giLogFileBkupCnt);
+        (void)__builtin_add_overflow(giLogFileBkupCnt, 1, &giLogFileBkupCnt); // wraps
         return snprintf(aoNme, gicNmeBytes - 1, "%s-%02d.log", giLogCfg.saveLogPath, index) >= 0;
     }
     if (giLogCfg.fileMod != LOG_FILE_TIME)
@@ -307,7 +297,7 @@ static void _write_log_file(const char *aipcMsg)
         // After a failure, such as a full disk, the next line is tried again.
         (void)fwrite(aipcMsg, 1, strlen(aipcMsg), gipLogFp);
         (void)fflush(gipLogFp);
-        giLogWriteCnt = _next_count(giLogWriteCnt);
+        (void)__builtin_add_overflow(giLogWriteCnt, 1, &giLogWriteCnt); // wraps
     }
     pthread_mutex_unlock(&giSvLogLk);
 }
@@ -362,8 +352,7 @@ static void _deliver(const char *aipcMsg)
 // effect only here: the thread holds no lock and no data from the pipe.
 static int _wait_log_pipe(int aicFd)
 {
-    // Not on the stack: a cancel unwinds the frame in a way that the address sanitizer does not
-    // notice.
+    // Not on the stack: the address sanitizer does not notice that a cancel unwinds the frame.
     static fd_set rxSet;
     static timeval wait;
     FD_ZERO(&rxSet);
@@ -378,8 +367,8 @@ static int _wait_log_pipe(int aicFd)
     return ready;
 }
 
-// Reads one chunk from the pipe, which may begin and end within a line, and delivers it. Returns
-// its length, or 0 or less after a failure.
+// Delivers one chunk from the pipe, which may begin and end within a line. Returns its length, or 0
+// or less after a failure.
 static ssize_t _rx_log_chunk(int aicFd)
 {
     memset(rxBuf, 0, sizeof rxBuf);
@@ -466,10 +455,10 @@ static void _stop_log_thread()
     giLogPthdId = 0;
 }
 
-// Waits until no caller uses the pipe. It keeps reading, because callers may wait for room in the
-// pipe. It gives up when none has finished for half a second: the exit may run in
-// a signal handler that interrupted a caller. The limit is 250 turns and not a deadline, which an
-// overloaded machine would miss.
+// Waits until no caller uses the pipe, and reads, because callers may wait for room in it. It gives
+// up when none has finished for half a second: the exit may run in a signal handler that
+// interrupted a caller. The limit is 250 turns and not a deadline, which an overloaded machine
+// would miss.
 static void _wait_for_users(int aicRxFd)
 {
     pollfd rx = {aicRxFd, POLLIN, 0};
@@ -506,7 +495,6 @@ __attribute__((cold)) static void _release_log()
         (void)fclose(gipLogFp); // flushed at every write
     gipLogFp = nullptr;
     (void)pthread_mutex_unlock(&giSvLogLk);
-
     (void)_set_log_pipe(0);
 }
 
@@ -516,8 +504,7 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
              const int aicLnNum, const char *format, ...)
 {
     const int err = errno; // hosts read it after they have logged
-    // A host may cancel its own threads: a cancelled one must not leave a lock held or a count
-    // raised.
+    // A cancelled thread of the host must not leave a lock held or a count raised.
     const int was = thread_defer_cancel();
     char line[gicLnBytes] = {};
     constexpr size_t room = gicLnBytes - 1;
@@ -526,8 +513,7 @@ void log_msg(const eLogLevl aicLogLvl, const char *aipcFlNme, const char *aipcFu
     const eLogLevl tag = aicLogLvl < LOG_LEV_MAX ? aicLogLvl : LOG_LEV_LOUD;
     const size_t used = _put_head(line, gicLogStrAry[tag], now, aipcFlNme, aicLnNum);
 
-    // Text that does not fit is cut. If the format cannot be expanded, the part expanded so far
-    // stays.
+    // Text that does not fit is cut. If the format cannot be expanded, the part so far stays.
     if (aicLogLvl == LOG_LEV_TRACE)
         (void)!snprintf(line + used, room - used, "%s() start\n", aipcFuncNme);
     else {
@@ -553,10 +539,10 @@ void set_global_log_level(const eLogLevl aicLogLevl)
     _poke(&gLogLevl, aicLogLevl);
     printf("gLogLevl=%d\n", static_cast<int>(aicLogLevl));
     if (aicLogLevl > LOG_LEV_MAX) {
-        printf("Input debug level(%d) err, set %d value\n", static_cast<int>(aicLogLevl),
-               static_cast<int>(LOG_LEV_RUN));
+        constexpr int level = LOG_LEV_RUN;
+        printf("Input debug level(%d) err, set %d value\n", static_cast<int>(aicLogLevl), level);
         _poke(&gLogLevl, LOG_LEV_RUN);
-        printf("New gLogLevl=%d\n", static_cast<int>(LOG_LEV_RUN));
+        printf("New gLogLevl=%d\n", level);
     }
 }
 
