@@ -37,7 +37,7 @@ def picture():
     rows = [line.strip("| ").split(" | ") for line in first.splitlines()[2:]]
     high = 18 * len(rows) + 60
     print(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 960 {high}" '
-          'font-family="sans-serif" font-size="12">\n<!-- SPDX-License-Identifier: MIT -->')
+          'font-family="sans-serif" font-size="12">\n<!-- SPDX-' 'License-Identifier: MIT -->')
     print(f'<rect width="960" height="{high}" fill="white"/>')
     print('<text x="440" y="20">ours, divided by the yardstick: shorter is better</text>')
     for count, (operation, _, yardstick, _, ratio) in enumerate(rows):
