@@ -32,7 +32,8 @@ need_packages() {
   fi
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get -qq -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "${missing[@]}" >/dev/null
+    apt-get -qq -o DPkg::Lock::Timeout=600 install -y --no-install-recommends \
+      "${missing[@]}" >/dev/null
 }
 
 # What the build of a preset needs.
