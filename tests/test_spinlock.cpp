@@ -23,7 +23,7 @@ TEST(Spinlock, BackOff)
         });
         spinlock_lock(&lock);
         calls_stop();
-        EXPECT_EQ(vector<string>(want.begin(), want.begin() + last), seen);
+        EXPECT_EQ(vector<string>(&want[0], &want[last]), seen);
         EXPECT_EQ(0, spinlock_try_lock(&lock));
         spinlock_unlock(&lock);
         spinlock_unlock(&lock);
