@@ -28,7 +28,7 @@ differ "soname, and needed libraries" "libkelvara.so.1" \
 differ "link to it" libkelvara.so.1 "$(readlink "$(dirname "$library")/libkelvara.so")"
 
 differ "module names in log lines" "/dmn_serv /self_dog /self_log /xfuncs" \
-  "$(strings -a "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
+  "$(strings -d "$library" | grep -E '^/(dmn_serv|self_dog|self_log|xfuncs|.*/.*\.cpp)$' \
     | sort -u | tr '\n' ' ' | sed 's/ $//')"
 
 # The sweeps fail, stop and fork at each call that calls.cpp wraps. It does not wrap these: they

@@ -112,7 +112,8 @@ TEST(DmnServ, AdmissionFailures)
         const auto start = now_ms();
         server.turn();
         calls_stop();
-        EXPECT_EQ(row.later, now_ms() - start >= 20) << "a pause, or the next try fills the log";
+        EXPECT_TRUE(!row.later || now_ms() - start >= 20)
+            << "a pause, or the next try fills the log";
         if (row.later)
             server.turn();
         broadcast("!");
