@@ -84,6 +84,7 @@ TEST(SelfDog, GoneWatchdogIsNoticedOnce)
                       : "OFF self_dog: Server close------\n",
                   said);
         EXPECT_LE(4U, calls_count("write"));
+        EXPECT_EQ(1, event_base_get_num_events(fed.base, EVENT_BASE_COUNT_ADDED)) << "only beats";
     }
 }
 
